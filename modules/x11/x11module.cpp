@@ -1,0 +1,57 @@
+#include "x11module.h"
+
+#include <ryx/ryx.h>
+
+#include "displayenumeratorxrandr.h"
+#include "framebufferreaderxcb.h"
+
+struct Implementation
+{
+  void (*register_type) (GIOModule *module);
+  GType (*get_type) (void);
+  const gchar *extension_point;
+  const gchar *name;
+  gint priority;
+};
+
+static const Implementation implementations[] = {
+  { ryx_display_enumerator_xrandr_register, ryx_display_enumerator_xrandr_get_type,
+    RYX_DISPLAY_ENUMERATOR_EXTENSION_POINT, "displayenumeratorxrandr", 200 },
+  { ryx_frame_buffer_reader_xcb_register, ryx_frame_buffer_reader_xcb_get_type, RYX_FRAME_BUFFER_READER_EXTENSION_POINT,
+    "fbreaderxcb", 100 },
+};
+
+static const gchar *const extension_points[] = {
+  RYX_DISPLAY_LAYOUT_MANAGER_EXTENSION_POINT,
+  RYX_DISPLAY_ENUMERATOR_EXTENSION_POINT,
+  RYX_FRAME_BUFFER_READER_EXTENSION_POINT,
+  RYX_INPUT_INJECTOR_EXTENSION_POINT,
+  RYX_POINTER_MONITOR_EXTENSION_POINT,
+  nullptr,
+};
+
+void
+g_io_module_load (GIOModule *module)
+{
+  /* Never released: types and classes of the module stay for the life of the process. */
+  g_type_module_use (G_TYPE_MODULE (module));
+
+  for (const Implementation &implementation : implementations)
+    {
+      implementation.register_type (module);
+      g_io_extension_point_implement (implementation.extension_point, implementation.get_type (), implementation.name,
+                                      implementation.priority);
+    }
+}
+
+void
+g_io_module_unload (GIOModule *)
+{
+  g_assert_not_reached ();
+}
+
+gchar **
+g_io_module_query (void)
+{
+  return g_strdupv (const_cast<gchar **> (extension_points));
+}
