@@ -4,6 +4,7 @@
 #include <memory>
 
 #include <gio/gio.h>
+#include <xcb/randr.h>
 #include <xcb/xcb.h>
 
 struct FreeDeleter
@@ -70,6 +71,14 @@ set_x_error (GError **error, GQuark domain, gint code, const XcbError &x_error, 
   return FALSE;
 }
 
+/* NULL when the server has no such extension, or when the connection broke. */
+inline const xcb_query_extension_reply_t *
+find_extension (xcb_connection_t *conn, xcb_extension_t *id)
+{
+  const xcb_query_extension_reply_t *extension = xcb_get_extension_data (conn, id);
+  return extension && extension->present ? extension : nullptr;
+}
+
 /* The root at a position in the connection's list of screens, NULL when the list ends before. */
 inline xcb_screen_t *
 get_screen (xcb_connection_t *conn, int number)
@@ -80,4 +89,18 @@ get_screen (xcb_connection_t *conn, int number)
     if (number-- == 0)
       return screens.data;
   return nullptr;
+}
+
+inline bool
+is_randr_1_2 (const xcb_randr_query_version_reply_t &version)
+{
+  return version.major_version > 1 || (version.major_version == 1 && version.minor_version >= 2);
+}
+
+/* The name in the reply is not terminated. */
+inline gchar *
+get_output_name (const xcb_randr_get_output_info_reply_t *output)
+{
+  return g_strndup (reinterpret_cast<const gchar *> (xcb_randr_get_output_info_name (output)),
+                    xcb_randr_get_output_info_name_length (output));
 }

@@ -1,0 +1,138 @@
+#include "capturethread.h"
+
+#include <utility>
+
+CaptureThread::CaptureThread (RyxFrameBufferReader *new_reader, Handlers new_handlers)
+    : reader (new_reader), handlers (std::move (new_handlers)), ended_source (g_idle_source_new ())
+{
+}
+
+CaptureThread::~CaptureThread ()
+{
+  join ();
+  g_source_destroy (ended_source);
+  g_source_unref (ended_source);
+  g_clear_error (&failure);
+  g_object_unref (reader);
+}
+
+std::unique_ptr<CaptureThread>
+CaptureThread::start (const CaptureOptions &options, Handlers handlers, GError **error)
+{
+  auto *reader = static_cast<RyxFrameBufferReader *> (ryx_host_create (
+    RYX_FRAME_BUFFER_READER_EXTENSION_POINT, nullptr, error, "screen-id", options.screen_id, "screen-name",
+    options.screen_name.c_str (), "output-id", options.output_id, "block-size", options.block_size,
+    "diffmap-refine-threshold", options.refine_threshold, nullptr));
+  if (!reader)
+    return nullptr;
+
+  std::unique_ptr<CaptureThread> capture (new CaptureThread (reader, std::move (handlers)));
+  if (!ryx_frame_buffer_reader_setup (reader, error))
+    return nullptr;
+
+  /* Without damage no reader waits, and nobody needs to be woken. */
+  g_autoptr (GError) no_damage = nullptr;
+  capture->waker = ReaderWaker::connect (&no_damage);
+  if (!capture->waker)
+    g_debug ("No reader will be woken: %s", no_damage->message);
+
+  g_source_set_callback (
+    capture->ended_source,
+    [] (gpointer data) -> gboolean {
+      static_cast<CaptureThread *> (data)->handlers.ended ();
+      return G_SOURCE_REMOVE;
+    },
+    capture.get (), nullptr);
+  capture->thread = g_thread_new ("capture", run, capture.get ());
+  return capture;
+}
+
+gpointer
+CaptureThread::run (gpointer data)
+{
+  auto *capture = static_cast<CaptureThread *> (data);
+
+  if (!capture->capture (&capture->failure) && !capture->stopping)
+    g_source_attach (capture->ended_source, nullptr);
+  return nullptr;
+}
+
+/* Whether the host is expected to configure and to go on. */
+static bool
+asks_for_configuration (const GError *error)
+{
+  return g_error_matches (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_NEEDS_RECONFIGURE)
+         || g_error_matches (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_SHM_FAILED);
+}
+
+/* Once more after the shared memory failed: the reader goes on without it. */
+static gboolean
+configure (RyxFrameBufferReader *reader, GError **error)
+{
+  g_autoptr (GError) first_error = nullptr;
+
+  if (ryx_frame_buffer_reader_configure (reader, &first_error))
+    return TRUE;
+  if (!asks_for_configuration (first_error))
+    {
+      g_propagate_error (error, g_steal_pointer (&first_error));
+      return FALSE;
+    }
+  return ryx_frame_buffer_reader_configure (reader, error);
+}
+
+/* Returns FALSE when the capture ended by itself, with @error set if that was a failure. */
+gboolean
+CaptureThread::capture (GError **error)
+{
+  gboolean needs_configuration = TRUE;
+
+  while (!stopping)
+    {
+      if (std::exchange (needs_configuration, FALSE) && !configure (reader, error))
+        return FALSE;
+
+      g_autoptr (GError) grab_error = nullptr;
+      g_autoptr (RyxCapturedFrame) frame = ryx_frame_buffer_reader_grab_frame (reader, &grab_error);
+      if (stopping)
+        break;
+      if (frame)
+        {
+          if (!handlers.frame (frame, error))
+            return FALSE;
+          continue;
+        }
+
+      needs_configuration = asks_for_configuration (grab_error);
+      if (!needs_configuration
+          && !g_error_matches (grab_error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_EMPTY_FRAME))
+        {
+          g_propagate_error (error, g_steal_pointer (&grab_error));
+          return FALSE;
+        }
+    }
+  return TRUE;
+}
+
+void
+CaptureThread::join ()
+{
+  if (!thread)
+    return;
+
+  stopping = true;
+  if (waker)
+    waker->wake ();
+  g_thread_join (std::exchange (thread, nullptr));
+}
+
+gboolean
+CaptureThread::stop (GError **error)
+{
+  join ();
+  if (!failure)
+    return TRUE;
+
+  g_propagate_error (error, g_steal_pointer (&failure));
+  return FALSE;
+}

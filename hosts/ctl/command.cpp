@@ -1,0 +1,159 @@
+#include "command.h"
+
+#include <cstring>
+
+#include <gdk/gdk.h>
+#include <glib-unix.h>
+
+GlobalOptions global_options;
+
+G_DEFINE_QUARK (ctl-error-quark, ctl_error)
+
+gboolean
+set_usage_error (GError **error, const gchar *format, ...)
+{
+  va_list args;
+  va_start (args, format);
+  g_autofree gchar *text = g_strdup_vprintf (format, args);
+  va_end (args);
+
+  g_set_error_literal (error, CTL_ERROR, EXIT_USAGE, text);
+  return FALSE;
+}
+
+GOptionGroup *
+make_global_option_group (void)
+{
+  static const GOptionEntry entries[] = {
+    { "display", 0, 0, G_OPTION_ARG_STRING, &global_options.display, "X display to use instead of $DISPLAY", "D" },
+    { "module-dir", 0, 0, G_OPTION_ARG_FILENAME, &global_options.module_dir,
+      "Load modules from DIR instead of $RYX_MODULE_DIR or the installed ones", "DIR" },
+    { "json", 0, 0, G_OPTION_ARG_NONE, &global_options.json, "Print results as JSON", nullptr },
+    { "verbose", 0, 0, G_OPTION_ARG_NONE, &global_options.verbose, "Also tell state changes and decisions", nullptr },
+    { "debug", 0, 0, G_OPTION_ARG_NONE, &global_options.debug, "Also tell details", nullptr },
+    { "version", 0, 0, G_OPTION_ARG_NONE, &global_options.version, "Print the version", nullptr },
+    G_OPTION_ENTRY_NULL,
+  };
+  GOptionGroup *group = g_option_group_new ("global", "Global Options:", "Show global options", nullptr, nullptr);
+
+  g_option_group_add_entries (group, entries);
+  return group;
+}
+
+gboolean
+parse_options (const Command *command, const GOptionEntry *entries, gchar ***argv, GError **error)
+{
+  g_autofree gchar *program = g_strconcat ("ryxctl ", command->name, nullptr);
+  g_autoptr (GOptionContext) context = g_option_context_new (command->arguments);
+  g_autoptr (GError) parse_error = nullptr;
+
+  g_set_prgname (program); /* which the help's usage line begins with */
+  g_option_context_set_summary (context, command->summary);
+  g_option_context_set_description (context, command->description);
+  if (entries)
+    g_option_context_add_main_entries (context, entries, nullptr);
+  g_option_context_add_group (context, make_global_option_group ());
+
+  if (!g_option_context_parse_strv (context, argv, &parse_error))
+    return set_usage_error (error, "%s: %s", command->name, parse_error->message);
+  if ((*argv)[1] && g_str_equal ((*argv)[1], "--"))
+    {
+      g_free ((*argv)[1]);
+      memmove (*argv + 1, *argv + 2, (g_strv_length (*argv + 2) + 1) * sizeof (gchar *));
+    }
+  return TRUE;
+}
+
+gboolean
+parse_options_only (const Command *command, const GOptionEntry *entries, gchar ***argv, GError **error)
+{
+  if (!parse_options (command, entries, argv, error))
+    return FALSE;
+  if ((*argv)[1])
+    return set_usage_error (error, "%s: unexpected argument \"%s\"", command->name, (*argv)[1]);
+  return TRUE;
+}
+
+gboolean
+load_modules (GError **error)
+{
+  g_autoptr (GError) load_error = nullptr;
+
+  ryx_host_register ();
+  if (ryx_host_load_modules (global_options.module_dir, &load_error) > 0)
+    return TRUE;
+
+  g_set_error_literal (error, CTL_ERROR, EXIT_UNAVAILABLE, load_error->message);
+  return FALSE;
+}
+
+gboolean
+open_session (GError **error)
+{
+  int argc = 0;
+  char **argv = nullptr;
+
+  if (!load_modules (error))
+    return FALSE;
+
+  /* Readers open connections of their own to the display that the environment names. */
+  if (global_options.display)
+    g_setenv ("DISPLAY", global_options.display, TRUE);
+
+  gdk_parse_args (&argc, &argv);
+  GdkDisplay *display = gdk_display_open (nullptr);
+  if (display)
+    {
+      gdk_display_manager_set_default_display (gdk_display_manager_get (), display);
+      return TRUE;
+    }
+
+  const gchar *name = g_getenv ("DISPLAY");
+  if (name && *name)
+    g_set_error (error, CTL_ERROR, EXIT_UNAVAILABLE, "Cannot open display \"%s\"", name);
+  else
+    g_set_error_literal (error, CTL_ERROR, EXIT_UNAVAILABLE,
+                         "No display to open: DISPLAY is not set and --display was not given");
+  return FALSE;
+}
+
+InterruptibleLoop::InterruptibleLoop ()
+    : loop (g_main_loop_new (nullptr, FALSE)),
+      sources { g_unix_signal_add (SIGINT, on_signal, this), g_unix_signal_add (SIGTERM, on_signal, this) }
+{
+}
+
+InterruptibleLoop::~InterruptibleLoop ()
+{
+  for (guint source : sources)
+    g_source_remove (source);
+  g_main_loop_unref (loop);
+}
+
+gboolean
+InterruptibleLoop::on_signal (gpointer data)
+{
+  auto *interrupted_loop = static_cast<InterruptibleLoop *> (data);
+
+  interrupted_loop->interrupted = true;
+  interrupted_loop->quit ();
+  return G_SOURCE_CONTINUE;
+}
+
+void
+InterruptibleLoop::run ()
+{
+  g_main_loop_run (loop);
+}
+
+void
+InterruptibleLoop::quit ()
+{
+  g_main_loop_quit (loop);
+}
+
+bool
+InterruptibleLoop::was_interrupted () const
+{
+  return interrupted;
+}
