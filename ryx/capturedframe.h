@@ -13,7 +13,8 @@ G_BEGIN_DECLS
  * One grabbed frame: the pixels, the map of what changed since the frame before, and when it was
  * taken. It never changes, so any thread may read it; release it with g_object_unref().
  */
-RYX_API G_DECLARE_FINAL_TYPE (RyxCapturedFrame, ryx_captured_frame, RYX, CAPTURED_FRAME, GObject)
+RYX_API
+G_DECLARE_FINAL_TYPE (RyxCapturedFrame, ryx_captured_frame, RYX, CAPTURED_FRAME, GObject)
 
 /**
  * ryx_captured_frame_new:

@@ -12,7 +12,8 @@ G_BEGIN_DECLS
  * The cursors that a pointer monitor has announced, by id. A full cache evicts the cursor that was
  * used least recently. Used from one thread.
  */
-RYX_API G_DECLARE_FINAL_TYPE (RyxCursorCache, ryx_cursor_cache, RYX, CURSOR_CACHE, GObject)
+RYX_API
+G_DECLARE_FINAL_TYPE (RyxCursorCache, ryx_cursor_cache, RYX, CURSOR_CACHE, GObject)
 
 /**
  * ryx_cursor_cache_new:

@@ -125,11 +125,10 @@ find_images (const guint8 *old_pixels, const guint8 *new_pixels, guint32 width, 
               { new_pixels, gssize{ new_stride } * BARE_PIXEL_SIZE },
               BARE_PIXEL_SIZE };
   else
-    *pair = {
-      { old_pixels, old_is_frame ? static_cast<gssize> (old_frame.stride) : choose_stride (old_stride, new_frame) },
-      { new_pixels, new_is_frame ? static_cast<gssize> (new_frame.stride) : choose_stride (new_stride, old_frame) },
-      old_is_frame ? old_frame.pixel_size : new_frame.pixel_size
-    };
+    *pair
+      = { { old_pixels, old_is_frame ? static_cast<gssize> (old_frame.stride) : choose_stride (old_stride, new_frame) },
+          { new_pixels, new_is_frame ? static_cast<gssize> (new_frame.stride) : choose_stride (new_stride, old_frame) },
+          old_is_frame ? old_frame.pixel_size : new_frame.pixel_size };
   return true;
 }
 
@@ -208,8 +207,8 @@ compare_block_row (RyxDiffmap *diffmap, const ImagePair &images, guint32 row)
 
   for (guint32 y = get_block_start (diffmap, row, diffmap->height); y < end_y && n_undecided > 0; y++)
     {
-      const RowComparison comparison = { diffmap, images.old_image.row (y), images.new_image.row (y),
-                                         images.pixel_size };
+      const RowComparison comparison
+        = { diffmap, images.old_image.row (y), images.new_image.row (y), images.pixel_size };
       const guint32 n_decided = decide_pixel_row (comparison, marks, n_undecided);
 
       n_undecided -= n_decided;

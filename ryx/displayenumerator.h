@@ -18,7 +18,8 @@ G_BEGIN_DECLS
  *
  * Tells how the monitors of the session are arranged. Used from the thread that owns the display.
  */
-RYX_API G_DECLARE_INTERFACE (RyxDisplayEnumerator, ryx_display_enumerator, RYX, DISPLAY_ENUMERATOR, GObject)
+RYX_API
+G_DECLARE_INTERFACE (RyxDisplayEnumerator, ryx_display_enumerator, RYX, DISPLAY_ENUMERATOR, GObject)
 
 /**
  * RyxDisplayEnumeratorInterface:

@@ -11,7 +11,8 @@ G_BEGIN_DECLS
  *
  * An ordered list of heads that never changes. Release it with g_object_unref().
  */
-RYX_API G_DECLARE_FINAL_TYPE (RyxDisplayLayout, ryx_display_layout, RYX, DISPLAY_LAYOUT, GObject)
+RYX_API
+G_DECLARE_FINAL_TYPE (RyxDisplayLayout, ryx_display_layout, RYX, DISPLAY_LAYOUT, GObject)
 
 /**
  * ryx_display_layout_new: (skip)

@@ -20,8 +20,8 @@ G_BEGIN_DECLS
  * Reshapes the session's screen to a layout that a client asks for. Used from the thread that owns
  * the display.
  */
-RYX_API G_DECLARE_DERIVABLE_TYPE (RyxDisplayLayoutManager, ryx_display_layout_manager, RYX, DISPLAY_LAYOUT_MANAGER,
-                                  GObject)
+RYX_API
+G_DECLARE_DERIVABLE_TYPE (RyxDisplayLayoutManager, ryx_display_layout_manager, RYX, DISPLAY_LAYOUT_MANAGER, GObject)
 
 /**
  * RyxDisplayLayoutManagerClass:

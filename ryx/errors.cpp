@@ -1,4 +1,13 @@
 #include <ryx/errors.h>
 
-G_DEFINE_QUARK (ryx-display-layout-manager-error-quark, ryx_display_layout_manager_error)
-G_DEFINE_QUARK (ryx-frame-buffer-reader-error-quark, ryx_frame_buffer_reader_error)
+GQuark
+ryx_display_layout_manager_error_quark (void)
+{
+  return g_quark_from_static_string ("ryx-display-layout-manager-error-quark");
+}
+
+GQuark
+ryx_frame_buffer_reader_error_quark (void)
+{
+  return g_quark_from_static_string ("ryx-frame-buffer-reader-error-quark");
+}

@@ -21,7 +21,8 @@ G_BEGIN_DECLS
  * be drawn, so a reader belongs on a thread that may wait; one caller at a time. A host calls setup
  * once, then configure, then grabs, and configures again whenever a grab asks for it.
  */
-RYX_API G_DECLARE_DERIVABLE_TYPE (RyxFrameBufferReader, ryx_frame_buffer_reader, RYX, FRAME_BUFFER_READER, GObject)
+RYX_API
+G_DECLARE_DERIVABLE_TYPE (RyxFrameBufferReader, ryx_frame_buffer_reader, RYX, FRAME_BUFFER_READER, GObject)
 
 /**
  * RyxFrameBufferReaderClass:

@@ -42,13 +42,13 @@ ryx_frame_data_find_geometry (const guint8 *pixels, FrameDataGeometry *geometry)
 {
   g_autoptr (GMutexLocker) locker = g_mutex_locker_new (&live_lock);
 
-  const auto *frame_data =
-      static_cast<const RyxFrameData *> (live_by_data ? g_hash_table_lookup (live_by_data, pixels) : nullptr);
+  const auto *frame_data
+    = static_cast<const RyxFrameData *> (live_by_data ? g_hash_table_lookup (live_by_data, pixels) : nullptr);
   if (!frame_data)
     return false;
 
-  *geometry = { frame_data->width, frame_data->height, frame_data->stride,
-                ryx_pixel_format_get_size (frame_data->format) };
+  *geometry
+    = { frame_data->width, frame_data->height, frame_data->stride, ryx_pixel_format_get_size (frame_data->format) };
   return true;
 }
 

@@ -11,7 +11,8 @@ G_BEGIN_DECLS
  *
  * Something that can tell whether it still works.
  */
-RYX_API G_DECLARE_INTERFACE (RyxHealth, ryx_health, RYX, HEALTH, GObject)
+RYX_API
+G_DECLARE_INTERFACE (RyxHealth, ryx_health, RYX, HEALTH, GObject)
 
 /**
  * RyxHealthInterface:

@@ -110,8 +110,7 @@ ryx_host_load_modules (const gchar *directory, GError **error)
   g_autoptr (GPtrArray) failures = g_ptr_array_new_with_free_func (reinterpret_cast<GDestroyNotify> (g_error_free));
   for (guint i = 0; i < names->len; i++)
     {
-      g_autofree gchar *path
-        = g_build_filename (directory, static_cast<const gchar *> (names->pdata[i]), nullptr);
+      g_autofree gchar *path = g_build_filename (directory, static_cast<const gchar *> (names->pdata[i]), nullptr);
       GError *failure = nullptr;
 
       if (load_module (path, &failure))
@@ -172,8 +171,7 @@ ryx_host_create (const gchar *extension_point, const gchar *name, GError **error
 
   va_list properties;
   va_start (properties, first_property);
-  g_autoptr (GObject) object
-    = g_object_new_valist (g_io_extension_get_type (extension), first_property, properties);
+  g_autoptr (GObject) object = g_object_new_valist (g_io_extension_get_type (extension), first_property, properties);
   va_end (properties);
 
   if (G_IS_INITABLE (object) && !g_initable_init (G_INITABLE (object), nullptr, error))

@@ -42,6 +42,6 @@ RYX_API guint ryx_host_load_modules (const gchar *directory, GError **error);
  *   implements the extension point under that name or the initialisation failed.
  */
 RYX_API gpointer ryx_host_create (const gchar *extension_point, const gchar *name, GError **error,
-                                  const gchar *first_property, ...) G_GNUC_NULL_TERMINATED;
+                                  const gchar *first_property, ...);
 
 G_END_DECLS

@@ -37,7 +37,8 @@ typedef enum
  * back: what can't be injected is logged. Used from the thread that owns the display, whose default
  * main context must run.
  */
-RYX_API G_DECLARE_INTERFACE (RyxInputInjector, ryx_input_injector, RYX, INPUT_INJECTOR, GObject)
+RYX_API
+G_DECLARE_INTERFACE (RyxInputInjector, ryx_input_injector, RYX, INPUT_INJECTOR, GObject)
 
 /**
  * RyxInputInjectorInterface:

@@ -29,7 +29,8 @@ G_BEGIN_DECLS
  * The first two come at every look at the pointer, changed or not. The construct-only property
  * `cursor-cache-size` is the number of cursors that are kept, 1 and up.
  */
-RYX_API G_DECLARE_DERIVABLE_TYPE (RyxPointerMonitor, ryx_pointer_monitor, RYX, POINTER_MONITOR, GObject)
+RYX_API
+G_DECLARE_DERIVABLE_TYPE (RyxPointerMonitor, ryx_pointer_monitor, RYX, POINTER_MONITOR, GObject)
 
 /**
  * RyxPointerMonitorClass:

@@ -19,10 +19,10 @@ CaptureThread::~CaptureThread ()
 std::unique_ptr<CaptureThread>
 CaptureThread::start (const CaptureOptions &options, Handlers handlers, GError **error)
 {
-  auto *reader = static_cast<RyxFrameBufferReader *> (ryx_host_create (
-    RYX_FRAME_BUFFER_READER_EXTENSION_POINT, nullptr, error, "screen-id", options.screen_id, "screen-name",
-    options.screen_name.c_str (), "output-id", options.output_id, "block-size", options.block_size,
-    "diffmap-refine-threshold", options.refine_threshold, nullptr));
+  auto *reader = static_cast<RyxFrameBufferReader *> (
+    ryx_host_create (RYX_FRAME_BUFFER_READER_EXTENSION_POINT, nullptr, error, "screen-id", options.screen_id,
+                     "screen-name", options.screen_name.c_str (), "output-id", options.output_id, "block-size",
+                     options.block_size, "diffmap-refine-threshold", options.refine_threshold, nullptr));
   if (!reader)
     return nullptr;
 

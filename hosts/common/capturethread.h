@@ -54,6 +54,6 @@ private:
   std::unique_ptr<ReaderWaker> waker; /* empty when the reader never waits */
   std::atomic<bool> stopping = false;
   GThread *thread = nullptr;
-  GSource *ended_source; /* attached by the thread when it ends */
+  GSource *ended_source;     /* attached by the thread when it ends */
   GError *failure = nullptr; /* read after the thread was joined */
 };

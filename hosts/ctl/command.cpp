@@ -7,7 +7,11 @@
 
 GlobalOptions global_options;
 
-G_DEFINE_QUARK (ctl-error-quark, ctl_error)
+GQuark
+ctl_error_quark (void)
+{
+  return g_quark_from_static_string ("ctl-error-quark");
+}
 
 gboolean
 set_usage_error (GError **error, const gchar *format, ...)
@@ -32,7 +36,7 @@ make_global_option_group (void)
     { "verbose", 0, 0, G_OPTION_ARG_NONE, &global_options.verbose, "Also tell state changes and decisions", nullptr },
     { "debug", 0, 0, G_OPTION_ARG_NONE, &global_options.debug, "Also tell details", nullptr },
     { "version", 0, 0, G_OPTION_ARG_NONE, &global_options.version, "Print the version", nullptr },
-    G_OPTION_ENTRY_NULL,
+    {},
   };
   GOptionGroup *group = g_option_group_new ("global", "Global Options:", "Show global options", nullptr, nullptr);
 
@@ -118,8 +122,8 @@ open_session (GError **error)
 }
 
 InterruptibleLoop::InterruptibleLoop ()
-    : loop (g_main_loop_new (nullptr, FALSE)),
-      sources { g_unix_signal_add (SIGINT, on_signal, this), g_unix_signal_add (SIGTERM, on_signal, this) }
+    : loop (g_main_loop_new (nullptr, FALSE)), sources{ g_unix_signal_add (SIGINT, on_signal, this),
+                                                        g_unix_signal_add (SIGTERM, on_signal, this) }
 {
 }
 

@@ -1,5 +1,8 @@
 #include "commands.h"
 
+#include <cstdio>
+#include <cstring>
+
 #include <gdk/gdk.h>
 
 #include "json.h"
@@ -88,8 +91,13 @@ is_same_layout (RyxDisplayLayout *a, RyxDisplayLayout *b)
 struct LayoutWatch
 {
   InterruptibleLoop loop;
-  g_autoptr (RyxDisplayLayout) shown = nullptr;
+  RyxDisplayLayout *shown = nullptr;
   GError *failure = nullptr;
+
+  LayoutWatch () = default;
+  ~LayoutWatch () { g_clear_object (&shown); }
+  LayoutWatch (const LayoutWatch &) = delete;
+  LayoutWatch &operator= (const LayoutWatch &) = delete;
 
   void
   look ()
@@ -138,7 +146,7 @@ run_heads (const Command *command, gchar ***argv, GError **error)
   gboolean watch = FALSE;
   const GOptionEntry entries[] = {
     { "watch", 0, 0, G_OPTION_ARG_NONE, &watch, "Print again whenever the layout changes", nullptr },
-    G_OPTION_ENTRY_NULL,
+    {},
   };
 
   if (!parse_options_only (command, entries, argv, error) || !open_session (error))

@@ -113,6 +113,25 @@ drop_prev_frame (RyxFrameBufferReaderXcb *reader)
   g_clear_pointer (&reader->prev_frame, ryx_frame_data_unref);
 }
 
+static gpointer
+address_of (RyxFrameBufferReaderXcb *reader)
+{
+  return reader;
+}
+
+G_GNUC_PRINTF (2, 3)
+static gboolean
+fail_setup (GError **error, const gchar *format, ...)
+{
+  va_list args;
+  va_start (args, format);
+  g_autofree gchar *text = g_strdup_vprintf (format, args);
+  va_end (args);
+
+  g_set_error_literal (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_FAILED_SETUP, text);
+  return FALSE;
+}
+
 /* Setup */
 
 static gboolean
@@ -123,19 +142,11 @@ open_connection (RyxFrameBufferReaderXcb *reader, GError **error)
   g_clear_pointer (&reader->conn, xcb_disconnect); /* of a setup that failed */
   reader->conn = xcb_connect (nullptr, &screen_number);
   if (xcb_connection_has_error (reader->conn))
-    {
-      g_set_error (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_FAILED_SETUP,
-                   "Unable to open XCB connection in reader %p", reader);
-      return FALSE;
-    }
+    return fail_setup (error, "Unable to open XCB connection in reader %p", address_of (reader));
 
   const xcb_screen_t *screen = get_screen (reader->conn, screen_number);
   if (!screen)
-    {
-      g_set_error (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_FAILED_SETUP,
-                   "Unable to get default screen in reader %p", reader);
-      return FALSE;
-    }
+    return fail_setup (error, "Unable to get default screen in reader %p", address_of (reader));
 
   const uint32_t event_mask = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
   reader->root = screen->root;
@@ -147,19 +158,11 @@ static gboolean
 require_xfixes (RyxFrameBufferReaderXcb *reader, GError **error)
 {
   if (!find_extension (reader->conn, &xcb_xfixes_id))
-    {
-      g_set_error (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_FAILED_SETUP,
-                   "XFIXES not available for XCB connection in reader %p", reader);
-      return FALSE;
-    }
+    return fail_setup (error, "XFIXES not available for XCB connection in reader %p", address_of (reader));
 
   const auto cookie = xcb_xfixes_query_version_unchecked (reader->conn, 5, 0);
   if (!await_reply (reader->conn, cookie, xcb_xfixes_query_version_reply).reply)
-    {
-      g_set_error (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_FAILED_SETUP,
-                   "Unsupported XFIXES version for XCB connection in reader %p", reader);
-      return FALSE;
-    }
+    return fail_setup (error, "Unsupported XFIXES version for XCB connection in reader %p", address_of (reader));
   return TRUE;
 }
 
@@ -283,7 +286,7 @@ ryx_frame_buffer_reader_xcb_setup (RyxFrameBufferReader *base, GError **error)
   reader->sampling_interval = get_sampling_interval (settings);
 
   xcb_flush (reader->conn);
-  g_info ("Framebuffer reader %p set up (RandR: %s, SHM: %s, SHM Pixmap: %s, Damage: %s)", reader,
+  g_info ("Framebuffer reader %p set up (RandR: %s, SHM: %s, SHM Pixmap: %s, Damage: %s)", address_of (reader),
           describe_availability (reader->use_randr), describe_availability (reader->use_shm),
           describe_availability (reader->use_shm_pixmaps), describe_availability (reader->use_damage));
   return TRUE;
@@ -355,7 +358,7 @@ crtc_shows_output (RyxFrameBufferReaderXcb *reader, const xcb_randr_get_crtc_inf
         continue;
 
       g_info ("Found output 0x%x %s for reader %s (%p)", output_id, name,
-              ryx_frame_buffer_reader_get_screen_name (RYX_FRAME_BUFFER_READER (reader)), reader);
+              ryx_frame_buffer_reader_get_screen_name (RYX_FRAME_BUFFER_READER (reader)), address_of (reader));
       return TRUE;
     }
   return FALSE;
@@ -512,28 +515,16 @@ ryx_frame_buffer_reader_xcb_configure (RyxFrameBufferReader *base, GError **erro
   const guint8 depth = geometry ? geometry->depth : 0;
 
   if (depth < 24)
-    {
-      g_set_error (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_FAILED_SETUP,
-                   "Unsupported depth %d in reader %p", depth, reader);
-      return FALSE;
-    }
+    return fail_setup (error, "Unsupported depth %d in reader %p", depth, address_of (reader));
   if (!get_format_for_depth (reader, depth, &bpp, &scanline_pad))
-    {
-      g_set_error (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_FAILED_SETUP,
-                   "Unable to get format for depth in reader %p", reader);
-      return FALSE;
-    }
+    return fail_setup (error, "Unable to get format for depth in reader %p", address_of (reader));
   if (bpp < 24)
-    {
-      g_set_error (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_FAILED_SETUP,
-                   "Unsupported bpp %d in reader %p", bpp, reader);
-      return FALSE;
-    }
+    return fail_setup (error, "Unsupported bpp %d in reader %p", bpp, address_of (reader));
 
   reader->pixel_size = bpp / 8;
   reader->rect = choose_area (reader, geometry.get ());
-  g_info ("Framebuffer reader %p configured for screen %s (%d,%d %dx%d - depth %d, bpp %d, scanline_pad %d)", reader,
-          ryx_frame_buffer_reader_get_screen_name (base), static_cast<gint> (reader->rect.x),
+  g_info ("Framebuffer reader %p configured for screen %s (%d,%d %dx%d - depth %d, bpp %d, scanline_pad %d)",
+          address_of (reader), ryx_frame_buffer_reader_get_screen_name (base), static_cast<gint> (reader->rect.x),
           static_cast<gint> (reader->rect.y), reader->rect.width, reader->rect.height, depth, bpp, scanline_pad);
   drop_prev_frame (reader);
 
@@ -691,12 +682,11 @@ grab_rect_checked (RyxFrameBufferReaderXcb *reader, const RyxRect *rect, GError 
 static gboolean
 grab_shm_image (RyxFrameBufferReaderXcb *reader, GError **error)
 {
-  auto [reply, x_error]
-    = await_reply (reader->conn,
-                   xcb_shm_get_image (reader->conn, reader->root, reader->rect.x, reader->rect.y, reader->rect.width,
-                                      reader->rect.height, 0xFFFFFFFF, XCB_IMAGE_FORMAT_Z_PIXMAP, reader->shm_segment,
-                                      0),
-                   xcb_shm_get_image_reply);
+  auto [reply, x_error] = await_reply (reader->conn,
+                                       xcb_shm_get_image (reader->conn, reader->root, reader->rect.x, reader->rect.y,
+                                                          reader->rect.width, reader->rect.height, 0xFFFFFFFF,
+                                                          XCB_IMAGE_FORMAT_Z_PIXMAP, reader->shm_segment, 0),
+                                       xcb_shm_get_image_reply);
 
   if (!reply)
     {
@@ -847,8 +837,7 @@ capture_damage (RyxFrameBufferReaderXcb *reader, guint32 block_size, Capture *ca
 
   guint32 n_dirty = 0;
   const GrabResult result = take_damage (reader, region.get (), capture->diffmap, &n_dirty, error);
-  const gint32 threshold
-    = ryx_frame_buffer_reader_get_diffmap_refine_threshold (RYX_FRAME_BUFFER_READER (reader));
+  const gint32 threshold = ryx_frame_buffer_reader_get_diffmap_refine_threshold (RYX_FRAME_BUFFER_READER (reader));
   capture->refine = result == GRABBED && threshold >= 0 && n_dirty > static_cast<guint32> (threshold);
   return result;
 }

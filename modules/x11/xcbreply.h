@@ -29,7 +29,8 @@ template <typename Reply> struct XcbAnswer
 
 template <typename Cookie, typename Reply>
 XcbAnswer<Reply>
-await_reply (xcb_connection_t *conn, Cookie cookie, Reply *(*read) (xcb_connection_t *, Cookie, xcb_generic_error_t **))
+await_reply (xcb_connection_t *conn, Cookie cookie,
+             Reply *(*read) (xcb_connection_t *, Cookie, xcb_generic_error_t **) )
 {
   xcb_generic_error_t *error = nullptr;
   Reply *reply = read (conn, cookie, &error);
