@@ -1,0 +1,214 @@
+#include "xserver.h"
+
+#include <algorithm>
+#include <memory>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <xcb/xcbext.h>
+
+static const unsigned start_timeout_ms = 60000;
+
+static const char *
+program (XServer::Kind kind)
+{
+  /* Not the Xorg of $PATH: that is a wrapper which insists on a console. */
+  return kind == XServer::XVFB ? "/usr/bin/Xvfb" : "/usr/lib/xorg/Xorg";
+}
+
+static int
+milliseconds_until (gint64 deadline)
+{
+  return int (std::max<gint64> (0, (deadline - g_get_monotonic_time () + 999) / 1000));
+}
+
+static gint64
+deadline_in (unsigned timeout_ms)
+{
+  return g_get_monotonic_time () + gint64 (timeout_ms) * 1000;
+}
+
+static std::string
+read_until_newline (int fd)
+{
+  const gint64 deadline = deadline_in (start_timeout_ms);
+  struct pollfd ready = { fd, POLLIN, 0 };
+  std::string line;
+  char c;
+
+  while (poll (&ready, 1, milliseconds_until (deadline)) > 0 && read (fd, &c, 1) == 1 && c != '\n')
+    line += c;
+  return line;
+}
+
+bool
+XServer::available (Kind kind)
+{
+  return access (program (kind), X_OK) == 0;
+}
+
+XServer::XServer (Kind kind, const std::vector<std::string> &arguments)
+{
+  std::vector<std::string> command = { program (kind), "-displayfd", "3", "-noreset", "-nolisten", "tcp" };
+
+  if (kind == XORG_DUMMY)
+    command.insert (command.end (), { "-config", TEST_SUPPORT_DIR "/xorg-dummy.conf", "-logfile", "/dev/null",
+                                      "-novtswitch", "-sharevts" });
+  else if (std::find (arguments.begin (), arguments.end (), "-screen") == arguments.end ())
+    command.insert (command.end (), { "-screen", "0", "1280x1024x24" });
+  command.insert (command.end (), arguments.begin (), arguments.end ());
+
+  /* Servers that start at the same moment can take one another's display number. */
+  std::string failure;
+  for (int attempt = 0; attempt < 3; attempt++)
+    if (start (command, failure))
+      return;
+  g_error ("%s did not start: %s", command[0].c_str (), failure.c_str ());
+}
+
+bool
+XServer::start (const std::vector<std::string> &command, std::string &failure)
+{
+  std::vector<char *> argv;
+  for (const auto &argument : command)
+    argv.push_back (const_cast<char *> (argument.c_str ()));
+  argv.push_back (nullptr);
+
+  int ready[2];
+  const int output = memfd_create ("server output", MFD_CLOEXEC);
+  const pid_t parent = getpid ();
+  if (output < 0 || pipe2 (ready, O_CLOEXEC) != 0)
+    g_error ("No descriptors for a server: %s", g_strerror (errno));
+
+  process = fork ();
+  if (process == 0)
+    {
+      /* F_DUPFD first: either descriptor may itself be number 3. */
+      dup2 (output, STDOUT_FILENO);
+      dup2 (output, STDERR_FILENO);
+      dup2 (fcntl (ready[1], F_DUPFD, 4), 3);
+      prctl (PR_SET_PDEATHSIG, SIGTERM);
+      if (getppid () == parent)
+        execv (argv[0], argv.data ());
+      _exit (127);
+    }
+
+  close (ready[1]);
+  const std::string number = process > 0 ? read_until_newline (ready[0]) : "";
+  close (ready[0]);
+  name = ":" + number;
+  if (number.empty ())
+    {
+      char text[4096];
+      const ssize_t length = pread (output, text, sizeof text, 0);
+      failure.assign (text, std::max<ssize_t> (length, 0));
+      kill ();
+    }
+  close (output);
+  return !number.empty ();
+}
+
+void
+XServer::kill ()
+{
+  if (process <= 0)
+    return;
+  /* As long as the server lives nobody else takes its display number, so its socket's name goes first. (A server that
+   * was started with -displayfd has no lock file.) */
+  if (name.size () > 1)
+    unlink (("/tmp/.X11-unix/X" + name.substr (1)).c_str ());
+  ::kill (process, SIGKILL);
+  while (waitpid (process, nullptr, 0) < 0 && errno == EINTR)
+    ;
+  process = 0;
+}
+
+static GdkDisplay *
+open_gdk_display (const char *name)
+{
+  static const bool parsed = (gdk_parse_args (nullptr, nullptr), true);
+  GdkDisplay *display = parsed ? gdk_display_open (name) : nullptr;
+
+  if (!display)
+    g_error ("GDK cannot open display %s", name);
+  return display;
+}
+
+GdkDisplayScope::GdkDisplayScope (const char *name)
+    : display (open_gdk_display (name)), previous (gdk_display_get_default ()),
+      previous_name (g_getenv ("DISPLAY") ? g_getenv ("DISPLAY") : "")
+{
+  gdk_display_manager_set_default_display (gdk_display_manager_get (), display);
+  g_setenv ("DISPLAY", name, TRUE);
+}
+
+GdkDisplayScope::~GdkDisplayScope ()
+{
+  gdk_display_manager_set_default_display (gdk_display_manager_get (), previous != display ? previous : nullptr);
+  gdk_display_close (display);
+  if (previous_name.empty ())
+    g_unsetenv ("DISPLAY");
+  else
+    g_setenv ("DISPLAY", previous_name.c_str (), TRUE);
+}
+
+static xcb_screen_t *
+first_screen (xcb_connection_t *conn)
+{
+  return xcb_connection_has_error (conn) ? nullptr : xcb_setup_roots_iterator (xcb_get_setup (conn)).data;
+}
+
+XcbClient::XcbClient (const char *display)
+    : conn (xcb_connect (display, nullptr)), screen (first_screen (conn)), root (screen ? screen->root : XCB_NONE)
+{
+}
+
+bool
+XcbClient::round_trip (unsigned timeout_ms)
+{
+  const gint64 deadline = deadline_in (timeout_ms);
+  const auto cookie = xcb_get_input_focus (conn);
+  struct pollfd ready = { xcb_get_file_descriptor (conn), POLLIN, 0 };
+  void *reply = nullptr;
+  xcb_generic_error_t *error = nullptr;
+
+  xcb_flush (conn);
+  while (!xcb_poll_for_reply (conn, cookie.sequence, &reply, &error))
+    if (poll (&ready, 1, milliseconds_until (deadline)) == 0)
+      {
+        xcb_discard_reply (conn, cookie.sequence);
+        return false;
+      }
+  const bool answered = reply != nullptr;
+  free (reply);
+  free (error);
+  return answered;
+}
+
+static gboolean
+keep_ticking (gpointer)
+{
+  return G_SOURCE_CONTINUE;
+}
+
+bool
+wait_until (const std::function<bool ()> &condition, unsigned timeout_ms)
+{
+  const gint64 deadline = deadline_in (timeout_ms);
+  /* What the condition looks at need not wake the context: look again every few milliseconds. */
+  const guint ticks = g_timeout_add (5, keep_ticking, nullptr);
+  bool holds;
+
+  while (!(holds = condition ()) && g_get_monotonic_time () < deadline)
+    g_main_context_iteration (nullptr, TRUE);
+  g_source_remove (ticks);
+  return holds;
+}

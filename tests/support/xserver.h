@@ -1,0 +1,85 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include <gdk/gdk.h>
+#include <xcb/xcb.h>
+
+/* A private X server on a free display. It starts in the constructor and is gone, sockets and all, with the object;
+ * it ends as well when the test process dies. A server that cannot be started ends the test program. */
+class XServer
+{
+public:
+  enum Kind
+  {
+    XVFB,      /* one output; the screen is 1280x1024x24 unless the arguments hold "-screen" */
+    XORG_DUMMY /* sixteen outputs, two of them connected; modes can be created */
+  };
+
+  explicit XServer (Kind kind, const std::vector<std::string> &arguments = {});
+  ~XServer () { kill (); }
+  XServer (const XServer &) = delete;
+
+  /* Whether the server's program is installed here; else the test is to be skipped. */
+  static bool available (Kind kind);
+
+  const char *
+  display () const
+  {
+    return name.c_str ();
+  }
+  pid_t
+  pid () const
+  {
+    return process;
+  }
+
+  /* No farewell: the server's clients see their connections break. */
+  void kill ();
+
+private:
+  bool start (const std::vector<std::string> &command, std::string &failure);
+
+  pid_t process = 0;
+  std::string name;
+};
+
+/* While it lives, `display` is GDK's default display and $DISPLAY. Xlib ends the process when it loses a connection, so
+ * the server must outlive this object. */
+class GdkDisplayScope
+{
+public:
+  explicit GdkDisplayScope (const char *display);
+  ~GdkDisplayScope ();
+  GdkDisplayScope (const GdkDisplayScope &) = delete;
+
+  GdkDisplay *const display;
+
+private:
+  GdkDisplay *const previous;
+  const std::string previous_name;
+};
+
+/* A connection of its own, to look at the server from the side. */
+class XcbClient
+{
+public:
+  explicit XcbClient (const char *display);
+  ~XcbClient () { xcb_disconnect (conn); }
+  XcbClient (const XcbClient &) = delete;
+
+  /* Everything sent so far is done. False: the connection is broken, or the server did not answer in time, as when
+   * another client holds a server grab. */
+  bool round_trip (unsigned timeout_ms = 10000);
+
+  xcb_connection_t *const conn;
+  xcb_screen_t *const screen; /* NULL when the connection was refused */
+  const xcb_window_t root;
+};
+
+/* Runs the default main context until the condition holds. Its last value. */
+bool wait_until (const std::function<bool ()> &condition, unsigned timeout_ms = 10000);
