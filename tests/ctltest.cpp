@@ -1,0 +1,156 @@
+#include <fstream>
+#include <sstream>
+
+#include <gdk-pixbuf/gdk-pixbuf.h>
+#include <glib/gstdio.h>
+#include <gtest/gtest.h>
+#include <json-glib/json-glib.h>
+#include <xcb/randr.h>
+
+#include "capture.h"
+#include "ctl.h"
+
+/* A directory of its own, gone with the test. */
+class CtlTest : public testing::Test
+{
+protected:
+  CtlTest () : directory (g_dir_make_tmp ("ryxctl-XXXXXX", nullptr)) {}
+  ~CtlTest () override
+  {
+    for (const auto &file : files)
+      g_unlink (file.c_str ());
+    g_rmdir (directory);
+    g_free (directory);
+  }
+
+  std::string
+  file (const char *name)
+  {
+    files.push_back (std::string (directory) + "/" + name);
+    return files.back ();
+  }
+
+  gchar *directory;
+  std::vector<std::string> files;
+};
+
+struct UsageCase
+{
+  const char *name;
+  std::vector<std::string> arguments;
+  bool has_display;
+  int status;
+  const char *words;
+};
+
+static const UsageCase usage_cases[] = {
+  { "no_command", {}, true, 2, "ryxctl: a command is missing\n" },
+  { "unknown_command", { "heds" }, true, 2, "ryxctl: unknown command \"heds\"\n" },
+  { "unknown_option", { "heads", "--wach" }, true, 2, "ryxctl: heads: Unknown option --wach\n" },
+  { "too_many_words", { "heads", "all" }, true, 2, "ryxctl: heads: unexpected argument \"all\"\n" },
+  { "no_frames", { "capture", "--frames", "0" }, true, 2, "ryxctl: capture: --frames must be from 1 to " },
+  { "no_blocks", { "capture", "--block-size=0" }, true, 2, "ryxctl: capture: --block-size must be from 1 to 65535" },
+  { "no_time", { "capture", "--seconds=nan" }, true, 2, "ryxctl: capture: --seconds must be above 0" },
+  { "one_name_for_all", { "capture", "--frames=2", "--png=a.png" }, true, 2, "needs a %d for the frame's number" },
+  { "no_such_head", { "capture", "--output=4242" }, true, 1, "ryxctl: There is no head with the output id 4242" },
+  { "unwritable", { "capture", "--png=/nowhere/a.png" }, true, 1, "/nowhere/a.png" },
+  { "no_display_named", { "heads" }, false, 3, "ryxctl: No display to open: DISPLAY is not set" },
+  { "no_such_display", { "heads", "--display=:98765" }, false, 3, "ryxctl: Cannot open display \":98765\"\n" },
+  { "no_modules", { "--module-dir=/nowhere", "heads" }, true, 3, "ryxctl: Error opening directory" },
+};
+
+TEST_F (CtlTest, TellsWhatIsWrongAndExitsAccordingly)
+{
+  XServer server (XServer::XVFB);
+
+  for (const auto &row : usage_cases)
+    {
+      SCOPED_TRACE (row.name);
+      CtlRun run (row.has_display ? server.display () : nullptr, row.arguments);
+      EXPECT_EQ (run.status (), row.status);
+      EXPECT_NE (run.err.find (row.words), std::string::npos) << run.err;
+      EXPECT_EQ (run.out, "");
+    }
+}
+
+TEST_F (CtlTest, ListsImplementationsAndHeads)
+{
+  XServer server (XServer::XORG_DUMMY);
+
+  CtlRun implementations (nullptr, { "implementations" });
+  EXPECT_EQ (implementations.status (), 0) << implementations.err;
+  EXPECT_NE (implementations.out.find ("RyxFrameBufferReaderXcb"), std::string::npos) << implementations.out;
+
+  CtlRun heads (server.display (), { "heads", "--json" });
+  EXPECT_EQ (heads.status (), 0) << heads.err;
+  g_autoptr (JsonNode) root = json_from_string (heads.out.c_str (), nullptr);
+  ASSERT_TRUE (root && JSON_NODE_HOLDS_ARRAY (root)) << heads.out;
+  JsonArray *array = json_node_get_array (root);
+  ASSERT_EQ (json_array_get_length (array), 2u);
+  JsonObject *right = json_array_get_object_element (array, 1);
+  EXPECT_EQ (json_object_get_size (right), 7u);
+  EXPECT_EQ (json_object_get_int_member (right, "x"), 1280);
+  EXPECT_EQ (json_object_get_int_member (right, "width"), 1280);
+  EXPECT_FALSE (json_object_get_boolean_member (right, "primary"));
+}
+
+TEST_F (CtlTest, WatchesTheHeadsUntilInterrupted)
+{
+  XServer server (XServer::XORG_DUMMY);
+  XcbClient client (server.display ());
+  CtlRun watch (server.display (), { "heads", "--watch" });
+
+  ASSERT_TRUE (watch.wait_for_lines (3));
+  const auto resources = xcb_reply (xcb_randr_get_screen_resources_reply (
+    client.conn, xcb_randr_get_screen_resources (client.conn, client.root), nullptr));
+  xcb_randr_set_crtc_config_unchecked (client.conn, xcb_randr_get_screen_resources_crtcs (resources.get ())[1], 0, 0, 0,
+                                       0, XCB_NONE, XCB_RANDR_ROTATION_ROTATE_0, 0, nullptr);
+  ASSERT_TRUE (client.round_trip ());
+  EXPECT_TRUE (watch.wait_for_lines (6)) << watch.out;
+  watch.interrupt ();
+  EXPECT_EQ (watch.status (), 0) << watch.err;
+}
+
+TEST_F (CtlTest, WritesThePixelsOfTheScreen)
+{
+  XServer server (XServer::XVFB, { "-screen", "0", "301x201x24" });
+  Painter painter (server.display ());
+  const std::string png = file ("screen.png"), y4m = file ("screen.y4m");
+
+  painter.fill_with_noise ();
+  CtlRun run (server.display (), { "capture", "--png", png, "--y4m", y4m, "--frames=1", "--json" });
+  ASSERT_EQ (run.status (), 0) << run.err;
+  g_autoptr (JsonNode) summary = json_from_string (run.out.c_str (), nullptr);
+  EXPECT_EQ (json_object_get_int_member (json_node_get_object (summary), "frames"), 1);
+  EXPECT_EQ (json_object_get_int_member (json_node_get_object (summary), "changed_blocks"), 5 * 4);
+
+  g_autoptr (GdkPixbuf) picture = gdk_pixbuf_new_from_file (png.c_str (), nullptr);
+  ASSERT_TRUE (picture);
+  const std::vector<uint8_t> screen = painter.image (0, 0, 301, 201);
+  unsigned differences = 0;
+  for (int y = 0; y < 201; y++)
+    for (int x = 0; x < 301; x++)
+      for (int channel = 0; channel < 3; channel++)
+        differences += gdk_pixbuf_get_pixels (picture)[y * gdk_pixbuf_get_rowstride (picture) + x * 3 + channel]
+                       != screen[(y * 301 + x) * 4 + 2 - channel];
+  EXPECT_EQ (differences, 0u);
+
+  std::stringstream recording;
+  recording << std::ifstream (y4m, std::ios::binary).rdbuf ();
+  const std::string header = "YUV4MPEG2 W301 H201 F25:1 Ip A1:1 C444\n";
+  EXPECT_EQ (recording.str ().substr (0, header.size ()), header);
+  EXPECT_EQ ((recording.str ().size () - header.size ()) % (6 + 3 * 301 * 201), 0u);
+  EXPECT_GT (recording.str ().size (), header.size ());
+}
+
+TEST_F (CtlTest, EndsWithItsSummaryWhenInterruptedOnAnIdleScreen)
+{
+  XServer server (XServer::XVFB);
+  const std::string png = file ("0.png");
+  CtlRun run (server.display (), { "capture", "--seconds=1000", "--png", std::string (directory) + "/%d.png" });
+
+  ASSERT_TRUE (wait_until ([&] { return g_file_test (png.c_str (), G_FILE_TEST_EXISTS); }));
+  run.interrupt ();
+  EXPECT_EQ (run.status (), 0) << run.err;
+  EXPECT_TRUE (run.out.starts_with ("1 frame of 1280x1024 in ")) << run.out;
+}

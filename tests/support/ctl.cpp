@@ -1,0 +1,87 @@
+#include "ctl.h"
+
+#include <algorithm>
+#include <csignal>
+
+#include "xserver.h"
+
+static void
+append_stream (GInputStream *stream, std::string *text, GMutex *lock)
+{
+  char buffer[4096];
+  gssize length;
+
+  while ((length = g_input_stream_read (stream, buffer, sizeof buffer, nullptr, nullptr)) > 0)
+    {
+      g_mutex_lock (lock);
+      text->append (buffer, length);
+      g_mutex_unlock (lock);
+    }
+}
+
+CtlRun::CtlRun (const char *display, const std::vector<std::string> &arguments)
+{
+  g_autoptr (GSubprocessLauncher) launcher = g_subprocess_launcher_new (
+    static_cast<GSubprocessFlags> (G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_PIPE));
+  std::vector<const char *> argv = { RYXCTL };
+
+  for (const auto &argument : arguments)
+    argv.push_back (argument.c_str ());
+  argv.push_back (nullptr);
+
+  g_mutex_init (&lock);
+  if (display)
+    g_subprocess_launcher_setenv (launcher, "DISPLAY", display, TRUE);
+  else
+    g_subprocess_launcher_unsetenv (launcher, "DISPLAY");
+  process = g_subprocess_launcher_spawnv (launcher, argv.data (), nullptr);
+  reader = g_thread_new ("ryxctl output", read_all, this);
+}
+
+CtlRun::~CtlRun ()
+{
+  if (!joined)
+    g_subprocess_force_exit (process);
+  status ();
+  g_object_unref (process);
+  g_mutex_clear (&lock);
+}
+
+gpointer
+CtlRun::read_all (gpointer data)
+{
+  auto *run = static_cast<CtlRun *> (data);
+
+  append_stream (g_subprocess_get_stdout_pipe (run->process), &run->out, &run->lock);
+  append_stream (g_subprocess_get_stderr_pipe (run->process), &run->err, &run->lock);
+  return nullptr;
+}
+
+void
+CtlRun::interrupt ()
+{
+  g_subprocess_send_signal (process, SIGINT);
+}
+
+int
+CtlRun::status ()
+{
+  if (!joined)
+    {
+      g_thread_join (reader);
+      g_subprocess_wait (process, nullptr, nullptr);
+      joined = true;
+    }
+  return g_subprocess_get_if_exited (process) ? g_subprocess_get_exit_status (process) : -1;
+}
+
+bool
+CtlRun::wait_for_lines (unsigned n)
+{
+  return wait_until ([&] {
+    g_mutex_lock (&lock);
+    const auto lines = std::count (out.begin (), out.end (), '\n');
+    g_mutex_unlock (&lock);
+    return lines >= n;
+  });
+}

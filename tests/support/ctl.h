@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <gio/gio.h>
+
+/* One run of ryxctl, against the module of this build. */
+class CtlRun
+{
+public:
+  /* `display` NULL: none is named. */
+  CtlRun (const char *display, const std::vector<std::string> &arguments);
+  ~CtlRun ();
+  CtlRun (const CtlRun &) = delete;
+
+  void interrupt ();
+
+  /* Waits until the program has ended; -1 when it did not end by itself. */
+  int status ();
+
+  /* Complete once the program has ended. */
+  std::string out, err;
+
+  /* Waits until standard output holds so many lines. */
+  bool wait_for_lines (unsigned n);
+
+private:
+  static gpointer read_all (gpointer run);
+
+  GSubprocess *process;
+  GThread *reader;
+  GMutex lock;
+  bool joined = false;
+};
