@@ -12,13 +12,8 @@ static std::vector<LogRecorder *> recorders;
 static std::string
 field_value (const GLogField *fields, gsize n_fields, const char *key)
 {
-  for (gsize i = 0; i < n_fields; i++)
-    if (strcmp (fields[i].key, key) == 0)
-      {
-        const char *value = static_cast<const char *> (fields[i].value);
-        return fields[i].length < 0 ? std::string (value) : std::string (value, fields[i].length);
-      }
-  return "";
+  const auto found = std::find_if (fields, fields + n_fields, [&] (auto &field) { return !strcmp (field.key, key); });
+  return found == fields + n_fields ? "" : static_cast<const char *> (found->value);
 }
 
 GLogWriterOutput
@@ -31,7 +26,7 @@ LogRecorder::write (GLogLevelFlags level, const GLogField *fields, gsize n_field
   for (auto recorder : recorders)
     {
       recorder->messages.push_back (
-          { field_value (fields, n_fields, "GLIB_DOMAIN"), plain_level, field_value (fields, n_fields, "MESSAGE") });
+        { field_value (fields, n_fields, "GLIB_DOMAIN"), plain_level, field_value (fields, n_fields, "MESSAGE") });
       /* The lower the bit, the graver the message. */
       wanted = wanted && plain_level <= recorder->printed;
     }

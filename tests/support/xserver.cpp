@@ -15,38 +15,11 @@
 
 #include <xcb/xcbext.h>
 
-static const unsigned start_timeout_ms = 60000;
-
 static const char *
 program (XServer::Kind kind)
 {
   /* Not the Xorg of $PATH: that is a wrapper which insists on a console. */
   return kind == XServer::XVFB ? "/usr/bin/Xvfb" : "/usr/lib/xorg/Xorg";
-}
-
-static int
-milliseconds_until (gint64 deadline)
-{
-  return int (std::max<gint64> (0, (deadline - g_get_monotonic_time () + 999) / 1000));
-}
-
-static gint64
-deadline_in (unsigned timeout_ms)
-{
-  return g_get_monotonic_time () + gint64 (timeout_ms) * 1000;
-}
-
-static std::string
-read_until_newline (int fd)
-{
-  const gint64 deadline = deadline_in (start_timeout_ms);
-  struct pollfd ready = { fd, POLLIN, 0 };
-  std::string line;
-  char c;
-
-  while (poll (&ready, 1, milliseconds_until (deadline)) > 0 && read (fd, &c, 1) == 1 && c != '\n')
-    line += c;
-  return line;
 }
 
 bool
@@ -58,62 +31,43 @@ XServer::available (Kind kind)
 XServer::XServer (Kind kind, const std::vector<std::string> &arguments)
 {
   std::vector<std::string> command = { program (kind), "-displayfd", "3", "-noreset", "-nolisten", "tcp" };
-
   if (kind == XORG_DUMMY)
     command.insert (command.end (), { "-config", TEST_SUPPORT_DIR "/xorg-dummy.conf", "-logfile", "/dev/null",
                                       "-novtswitch", "-sharevts" });
   else if (std::find (arguments.begin (), arguments.end (), "-screen") == arguments.end ())
     command.insert (command.end (), { "-screen", "0", "1280x1024x24" });
   command.insert (command.end (), arguments.begin (), arguments.end ());
-
-  /* Servers that start at the same moment can take one another's display number. */
-  std::string failure;
-  for (int attempt = 0; attempt < 3; attempt++)
-    if (start (command, failure))
-      return;
-  g_error ("%s did not start: %s", command[0].c_str (), failure.c_str ());
-}
-
-bool
-XServer::start (const std::vector<std::string> &command, std::string &failure)
-{
   std::vector<char *> argv;
-  for (const auto &argument : command)
-    argv.push_back (const_cast<char *> (argument.c_str ()));
+  for (auto &argument : command)
+    argv.push_back (argument.data ());
   argv.push_back (nullptr);
 
-  int ready[2];
   const int output = memfd_create ("server output", MFD_CLOEXEC);
   const pid_t parent = getpid ();
+  int ready[2];
   if (output < 0 || pipe2 (ready, O_CLOEXEC) != 0)
     g_error ("No descriptors for a server: %s", g_strerror (errno));
-
   process = fork ();
   if (process == 0)
     {
-      /* F_DUPFD first: either descriptor may itself be number 3. */
       dup2 (output, STDOUT_FILENO);
       dup2 (output, STDERR_FILENO);
-      dup2 (fcntl (ready[1], F_DUPFD, 4), 3);
+      dup2 (fcntl (ready[1], F_DUPFD, 4), 3); /* a copy: it would stay closed on exec if it had that number already */
       prctl (PR_SET_PDEATHSIG, SIGTERM);
       if (getppid () == parent)
         execv (argv[0], argv.data ());
       _exit (127);
     }
 
+  char text[4096];
   close (ready[1]);
-  const std::string number = process > 0 ? read_until_newline (ready[0]) : "";
+  while (process > 0 && read (ready[0], text, 1) == 1 && g_ascii_isdigit (text[0]))
+    number += text[0];
   close (ready[0]);
-  name = ":" + number;
   if (number.empty ())
-    {
-      char text[4096];
-      const ssize_t length = pread (output, text, sizeof text, 0);
-      failure.assign (text, std::max<ssize_t> (length, 0));
-      kill ();
-    }
+    g_error ("%s did not start: %.*s", argv[0], int (pread (output, text, sizeof text, 0)), text);
   close (output);
-  return !number.empty ();
+  name = ":" + number;
 }
 
 void
@@ -123,8 +77,7 @@ XServer::kill ()
     return;
   /* As long as the server lives nobody else takes its display number, so its socket's name goes first. (A server that
    * was started with -displayfd has no lock file.) */
-  if (name.size () > 1)
-    unlink (("/tmp/.X11-unix/X" + name.substr (1)).c_str ());
+  unlink (("/tmp/.X11-unix/X" + number).c_str ());
   ::kill (process, SIGKILL);
   while (waitpid (process, nullptr, 0) < 0 && errno == EINTR)
     ;
@@ -152,12 +105,9 @@ GdkDisplayScope::GdkDisplayScope (const char *name)
 
 GdkDisplayScope::~GdkDisplayScope ()
 {
-  gdk_display_manager_set_default_display (gdk_display_manager_get (), previous != display ? previous : nullptr);
+  gdk_display_manager_set_default_display (gdk_display_manager_get (), previous);
   gdk_display_close (display);
-  if (previous_name.empty ())
-    g_unsetenv ("DISPLAY");
-  else
-    g_setenv ("DISPLAY", previous_name.c_str (), TRUE);
+  g_setenv ("DISPLAY", previous_name.c_str (), TRUE);
 }
 
 static xcb_screen_t *
@@ -174,7 +124,6 @@ XcbClient::XcbClient (const char *display)
 bool
 XcbClient::round_trip (unsigned timeout_ms)
 {
-  const gint64 deadline = deadline_in (timeout_ms);
   const auto cookie = xcb_get_input_focus (conn);
   struct pollfd ready = { xcb_get_file_descriptor (conn), POLLIN, 0 };
   void *reply = nullptr;
@@ -182,15 +131,13 @@ XcbClient::round_trip (unsigned timeout_ms)
 
   xcb_flush (conn);
   while (!xcb_poll_for_reply (conn, cookie.sequence, &reply, &error))
-    if (poll (&ready, 1, milliseconds_until (deadline)) == 0)
+    if (poll (&ready, 1, timeout_ms) == 0)
       {
         xcb_discard_reply (conn, cookie.sequence);
         return false;
       }
-  const bool answered = reply != nullptr;
-  free (reply);
   free (error);
-  return answered;
+  return XOwned<void> (reply) != nullptr;
 }
 
 static gboolean
@@ -202,7 +149,7 @@ keep_ticking (gpointer)
 bool
 wait_until (const std::function<bool ()> &condition, unsigned timeout_ms)
 {
-  const gint64 deadline = deadline_in (timeout_ms);
+  const gint64 deadline = g_get_monotonic_time () + gint64 (timeout_ms) * 1000;
   /* What the condition looks at need not wake the context: look again every few milliseconds. */
   const guint ticks = g_timeout_add (5, keep_ticking, nullptr);
   bool holds;

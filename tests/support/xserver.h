@@ -1,9 +1,11 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include <stdlib.h>
 #include <sys/types.h>
 
 #include <gdk/gdk.h>
@@ -42,10 +44,8 @@ public:
   void kill ();
 
 private:
-  bool start (const std::vector<std::string> &command, std::string &failure);
-
   pid_t process = 0;
-  std::string name;
+  std::string number, name; /* "57", ":57" */
 };
 
 /* While it lives, `display` is GDK's default display and $DISPLAY. Xlib ends the process when it loses a connection, so
@@ -80,6 +80,20 @@ public:
   xcb_screen_t *const screen; /* NULL when the connection was refused */
   const xcb_window_t root;
 };
+
+/* What xcb hands over; X_REPLY makes a round trip and has the reply, or NULL. */
+struct XDeleter
+{
+  void
+  operator() (void *memory) const
+  {
+    free (memory);
+  }
+};
+template <typename T> using XOwned = std::unique_ptr<T, XDeleter>;
+#define X_REPLY(conn, request, ...)                                                                                    \
+  XOwned<xcb_##request##_reply_t> (                                                                                    \
+    xcb_##request##_reply (conn, xcb_##request (conn __VA_OPT__ (, ) __VA_ARGS__), nullptr))
 
 /* Runs the default main context until the condition holds. Its last value. */
 bool wait_until (const std::function<bool ()> &condition, unsigned timeout_ms = 10000);
