@@ -1,0 +1,147 @@
+#pragma once
+
+#include <array>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <xcb/xcb.h>
+
+#include "xserver.h"
+
+using Bytes = std::vector<uint8_t>;
+
+/* What lies at a place of a message, seen as one of xcb's structures or as a number. */
+template <typename T>
+T *
+as (const uint8_t *data)
+{
+  return const_cast<T *> (reinterpret_cast<const T *> (data));
+}
+
+/* A value at a place in a request, a reply or the set-up; X_FIELD takes the place from xcb's own structure. */
+struct XField
+{
+  size_t offset, size;
+  uint32_t value;
+};
+#define X_FIELD(structure, member, value)                                                                              \
+  XField (offsetof (structure, member), sizeof (structure::member), uint32_t (value))
+
+/* Which requests meet with what. Requests go by their names: those of the core protocol as they are ("GetGeometry"),
+ * those of extensions with the usual prefix ("RRCreateMode", "ShmAttach", "DamageCreate", "XFixesFetchRegion",
+ * "XkbGetMap", "XTestFakeInput", "XIQueryVersion", "BigReqEnable"), else "EXTENSION:Name" or "EXTENSION:minor".
+ * "Setup" is the first message of a connection. The functions run under the proxy's lock: they must not call it. */
+struct FaultRule
+{
+  const char *request = nullptr; /* NULL: any */
+  int client = -1;               /* number of the client, from 0 in the order of their connections; -1: any */
+  unsigned nth = 0;              /* of the requests that match otherwise, from 1; 0: each of them */
+  std::vector<XField> where = {};
+  std::function<bool (const Bytes &request)> when = {}; /* a BIG-REQUESTS length has been taken out */
+
+  /* One of these keeps the request from the server. The first rule that has one decides. */
+  uint8_t error = 0;                                       /* X error code; "Setup": the connection is refused */
+  bool cut = false;                                        /* no answer, and the connection breaks */
+  std::function<Bytes (const Bytes &request)> answer = {}; /* a reply; type, sequence and length are filled in */
+
+  /* These change what the server replies, one rule after the other. The length is brought up to date. */
+  std::vector<XField> patch = {};
+  std::function<void (Bytes &reply)> edit = {};
+
+  unsigned matches = 0, hits = 0; /* the proxy's own */
+};
+
+/* A man in the middle between X clients and a real server, on a display of its own and in a thread of its own. All
+ * calls may come from any thread. What a client has flushed before a call is made has been taken by then. */
+class FaultProxy
+{
+public:
+  explicit FaultProxy (const char *server_display);
+  explicit FaultProxy (const XServer &server) : FaultProxy (server.display ()) {}
+  ~FaultProxy ();
+  FaultProxy (const FaultProxy &) = delete;
+
+  const char *
+  display () const
+  {
+    return name.c_str ();
+  }
+
+  /* The rule holds from now on. The result is for `hits`, the number of requests it was applied to, and `remove`. */
+  unsigned add (FaultRule rule);
+  unsigned hits (unsigned rule);
+  void remove (unsigned rule);
+  void clear ();
+
+  unsigned hide_extension (const std::string &extension);
+  /* For version replies that begin with the two numbers, as those of RandR, XFixes, Damage and MIT-SHM do. */
+  unsigned lower_version (const char *version_request, unsigned major, unsigned minor);
+
+  /* What shall happen to the n-th request from now on, of any client and counted from 0, in place of what an earlier
+   * call asked for. */
+  unsigned
+  fail_request (unsigned n, uint8_t error)
+  {
+    return arm_numbered ({ .nth = n + 1, .error = error });
+  }
+  unsigned
+  cut_at (unsigned n)
+  {
+    return arm_numbered ({ .nth = n + 1, .cut = true });
+  }
+
+  /* The names of the requests since the mark (`record`: of those that `run` makes), in order, of one client or of all
+   * (-1), and how many of them got a reply. */
+  struct Trace : std::vector<std::string>
+  {
+    unsigned round_trips = 0;
+  };
+  void mark ();
+  Trace trace (int client = -1);
+  Trace record (const std::function<void ()> &run, int client = -1);
+
+  /* How many clients have connected so far. */
+  unsigned clients ();
+
+  /* Slips an event to a client after all that the server has sent so far, with the sequence number of the last of that.
+   * (For an X error in the client's queue let a rule fail a request that has no reply.) False: no such client. */
+  bool insert (unsigned client, const void *event, size_t size);
+
+private:
+  struct Client;
+  struct Request;
+
+  unsigned arm_numbered (FaultRule rule);
+  void run ();
+  std::unique_lock<std::mutex> enter ();
+  void pump ();
+  bool accept_client (int listener);
+  bool relay (Client &client);
+  void take_request (Client &client, const Bytes &request);
+  void take_message (Client &client, Bytes &message);
+  void change_reply (Request &request, Bytes &message);
+  std::string request_name (const Bytes &request) const;
+
+  std::string name, socket_path;
+  const std::string server_path;
+  std::array<int, 2> listeners; /* the abstract socket and the one in the file system */
+  int wake_up;
+  bool stopping = false;
+  unsigned n_clients = 0, n_rules = 0, numbered_rule = 0;
+  std::list<Client> connections;
+  std::map<unsigned, std::shared_ptr<FaultRule>> rules; /* in the order they came */
+  std::vector<Request> requests;                        /* of all clients, ever */
+  size_t marked = 0;
+  std::array<std::string, 256> extension_names; /* by major opcode */
+  std::mutex mutex;                             /* for all of these */
+  std::thread thread;
+};
