@@ -128,8 +128,7 @@ TEST_P (CaptureMeansTest, AsksForConfigurationWhenTheScreenIsResized)
     GTEST_SKIP () << "nobody can resize a screen without RandR";
 
   /* No screen is smaller than a CRTC that shows it. */
-  const auto resources = xcb_reply (xcb_randr_get_screen_resources_reply (
-    painter.conn, xcb_randr_get_screen_resources (painter.conn, painter.root), nullptr));
+  const auto resources = X_REPLY (painter.conn, randr_get_screen_resources, painter.root);
   xcb_randr_set_crtc_config_unchecked (painter.conn, *xcb_randr_get_screen_resources_crtcs (resources.get ()), 0, 0, 0,
                                        0, XCB_NONE, XCB_RANDR_ROTATION_ROTATE_0, 0, nullptr);
   xcb_randr_set_screen_size (painter.conn, painter.root, 320, 200, 85, 53);
@@ -195,8 +194,7 @@ TEST (CaptureTest, CapturesOneOutputAndIgnoresDamageElsewhere)
 {
   XServer server (XServer::XORG_DUMMY);
   Painter painter (server.display ());
-  const auto resources = xcb_reply (xcb_randr_get_screen_resources_reply (
-    painter.conn, xcb_randr_get_screen_resources (painter.conn, painter.root), nullptr));
+  const auto resources = X_REPLY (painter.conn, randr_get_screen_resources, painter.root);
   const xcb_randr_output_t right = xcb_randr_get_screen_resources_outputs (resources.get ())[1];
   TestReader reader (server.display (), right, 64);
 

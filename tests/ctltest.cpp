@@ -101,8 +101,7 @@ TEST_F (CtlTest, WatchesTheHeadsUntilInterrupted)
   CtlRun watch (server.display (), { "heads", "--watch" });
 
   ASSERT_TRUE (watch.wait_for_lines (3));
-  const auto resources = xcb_reply (xcb_randr_get_screen_resources_reply (
-    client.conn, xcb_randr_get_screen_resources (client.conn, client.root), nullptr));
+  const auto resources = X_REPLY (client.conn, randr_get_screen_resources, client.root);
   xcb_randr_set_crtc_config_unchecked (client.conn, xcb_randr_get_screen_resources_crtcs (resources.get ())[1], 0, 0, 0,
                                        0, XCB_NONE, XCB_RANDR_ROTATION_ROTATE_0, 0, nullptr);
   ASSERT_TRUE (client.round_trip ());

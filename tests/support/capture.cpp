@@ -126,8 +126,7 @@ Painter::fill_with_noise ()
 std::vector<uint8_t>
 Painter::image (int x, int y, unsigned width, unsigned height)
 {
-  const auto reply = xcb_reply (xcb_get_image_reply (
-    conn, xcb_get_image (conn, XCB_IMAGE_FORMAT_Z_PIXMAP, root, x, y, width, height, 0xffffffff), nullptr));
+  const auto reply = X_REPLY (conn, get_image, XCB_IMAGE_FORMAT_Z_PIXMAP, root, x, y, width, height, 0xffffffff);
   if (!reply)
     return {};
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,14 +32,6 @@ struct ObjectDeleter
     g_object_unref (object);
   }
 };
-/* Owns what xcb allocated. */
-template <typename T>
-std::unique_ptr<T, decltype (&free)>
-xcb_reply (T *reply)
-{
-  return { reply, free };
-}
-
 using Frame = std::unique_ptr<RyxCapturedFrame, ObjectDeleter>;
 
 /* The module's reader on a display, with what went wrong last in words: "NEEDS_RECONFIGURE: Root window …". */

@@ -1,0 +1,379 @@
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <regex>
+
+#include <gtest/gtest.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <xcb/randr.h>
+#include <xcb/shm.h>
+
+#include "capture.h"
+#include "faultproxy.h"
+#include "layout.h"
+#include "logrecorder.h"
+
+static const char domain[] = "RYX:x11:display";
+
+static FaultRule
+failing (const char *request, uint8_t error, unsigned nth = 0)
+{
+  return { .request = request, .nth = nth, .error = error };
+}
+
+static FaultRule
+old_version (const char *request)
+{
+  return { .request = request, .edit = [] (Bytes &reply) {
+            const uint32_t version[] = { 1, 1 };
+            memcpy (&reply[8], version, sizeof version);
+          } };
+}
+
+struct EnumeratorCase
+{
+  const char *name;
+  std::vector<FaultRule> rules;
+  const char *heads; /* or the failure; output ids are written as A and B */
+  const char *warning = nullptr;
+};
+
+/* The first two CRTCs are those with outputs, at 0,0 and 1280,0. */
+static FaultRule
+moved_crtc (unsigned nth, int x, int y)
+{
+  return { .request = "RRGetCrtcInfo",
+           .nth = nth,
+           .patch
+           = { X_FIELD (xcb_randr_get_crtc_info_reply_t, x, x), X_FIELD (xcb_randr_get_crtc_info_reply_t, y, y) } };
+}
+
+static const char no_resources[] = "Failed to get screen resources (response_type: 0 error_code: 11)";
+
+static const EnumeratorCase enumerator_cases[] = {
+  { "randr_1_1",
+    { old_version ("RRQueryVersion") },
+    "SCREEN:0 2560x1024+0+0",
+    "RandR version is too old (1.1, 1.2 required)" },
+  { "no_version", { failing ("RRQueryVersion", XCB_ALLOC) }, "SCREEN:0 2560x1024+0+0", "Failed to get RandR version" },
+  { "no_resources", { failing ("RRGetScreenResources", XCB_ALLOC) }, no_resources },
+  { "left_of_origin",
+    { moved_crtc (1, -1280, 0), moved_crtc (2, 0, 0) },
+    "OUTPUT-A:A 1280x1024+0+0, OUTPUT-B:B 1280x1024+1280+0" },
+  { "left_and_below",
+    { moved_crtc (1, -1280, 100), moved_crtc (2, 0, 0) },
+    "OUTPUT-A:A 1280x1024+0+100, OUTPUT-B:B 1280x1024+1280+0" },
+  { "away_from_origin",
+    { moved_crtc (1, 100, 50), moved_crtc (2, 2020, 50) },
+    "OUTPUT-A:A 1280x1024+100+50, OUTPUT-B:B 1280x1024+2020+50" },
+  { "a_crtc_fails", { failing ("RRGetCrtcInfo", XCB_VALUE, 1) }, "OUTPUT-B:B 1280x1024+1280+0" },
+  { "an_output_fails", { failing ("RRGetOutputInfo", XCB_VALUE, 2) }, "OUTPUT-A:A 1280x1024+0+0" },
+  { "every_crtc_fails", { failing ("RRGetCrtcInfo", XCB_VALUE) }, "SCREEN:0 2560x1024+0+0" },
+  { "nothing_works",
+    { failing ("RRGetCrtcInfo", XCB_VALUE), failing ("GetGeometry", XCB_DRAWABLE) },
+    "Cannot get screen geometry (response_type: 0 error_code: 9)" },
+};
+
+TEST (EnumeratorFaultTest, ReportsWhatItCanOfAFaultyServer)
+{
+  XServer server (XServer::XORG_DUMMY);
+  FaultProxy proxy (server.display ());
+  GdkDisplayScope gdk (proxy.display ());
+  load_module ();
+
+  for (const auto &row : enumerator_cases)
+    {
+      SCOPED_TRACE (row.name);
+      LogRecorder log;
+      proxy.clear ();
+      for (const auto &rule : row.rules)
+        proxy.add (rule);
+
+      std::string heads = enumerate_heads ();
+      heads = std::regex_replace (heads, std::regex ("OUTPUT-([0-9]*[02468]):\\1"), "OUTPUT-A:A");
+      heads = std::regex_replace (heads, std::regex ("OUTPUT-([0-9]*[13579]):\\1"), "OUTPUT-B:B");
+      EXPECT_EQ (heads, row.heads);
+      EXPECT_TRUE (!row.warning || log.contains (domain, G_LOG_LEVEL_WARNING, row.warning)) << log.dump ();
+    }
+}
+
+/* What a host sees of a reader that sets up, configures and takes two frames, drawing in between. It configures when
+ * it is told to, grabs again after everything else, and stops at the fourth failure in a row. */
+static std::string
+use_reader (TestReader &reader, Painter &painter)
+{
+  std::string story;
+  const auto tell = [&] (const std::string &words) { story += (story.empty () ? "" : "; ") + words; };
+
+  if (!reader.setup () || !reader.configure ())
+    tell (reader.failure);
+  bool needs_configuration = reader.failure.starts_with ("SHM_FAILED");
+  if (reader.failure.starts_with ("FAILED_SETUP"))
+    return std::regex_replace (story, std::regex (" in reader 0x[0-9a-f]+"), "");
+
+  int failures = 0;
+  for (unsigned n_frames = 0; n_frames < 2 && failures < 4;)
+    {
+      if (needs_configuration && !reader.configure ())
+        tell (reader.failure);
+      const Frame frame = reader.grab_change ();
+      needs_configuration = reader.failure.starts_with ("NEEDS_RECONFIGURE");
+      if (!frame)
+        {
+          tell (reader.failure);
+          failures++;
+          continue;
+        }
+
+      const guint32 blocks = ryx_diffmap_get_count (ryx_captured_frame_get_diffmap (frame.get ()));
+      const bool is_true = pixels_of (frame.get ()) == painter.image (0, 0, 96, 64);
+      tell ((blocks == 24 ? "whole" : std::to_string (blocks)) + (is_true ? "" : " wrong"));
+      n_frames++;
+      if (n_frames < 2)
+        painter.fill (0, 0, 17, 1, 0x808080);
+    }
+  return story;
+}
+
+struct ReaderCase
+{
+  const char *name;
+  std::vector<FaultRule> rules;
+  const char *story;
+  const char *line = nullptr; /* logged, as a warning or as the set-up line */
+  bool dirty_region = true;
+  bool shm_pixmaps = true;
+};
+
+static const char plain_story[] = "whole; 2";
+
+static const ReaderCase reader_cases[] = {
+  { "randr_1_1", { old_version ("RRQueryVersion") }, plain_story, "RandR version is too old (1.1, 1.2 required)" },
+  { "no_randr_version", { failing ("RRQueryVersion", XCB_ALLOC) }, plain_story, "Failed to get RandR version" },
+  { "no_shm_version", { failing ("ShmQueryVersion", XCB_ALLOC) }, plain_story, "Failed to get SHM version" },
+  { "no_damage_version", { failing ("DamageQueryVersion", XCB_ALLOC) }, plain_story, "Failed to get Damage version" },
+  { "no_xfixes_version",
+    { failing ("XFixesQueryVersion", XCB_ALLOC) },
+    "FAILED_SETUP: Unsupported XFIXES version for XCB connection" },
+  { "no_shared_pixmaps",
+    { { .request = "ShmQueryVersion", .patch = { X_FIELD (xcb_shm_query_version_reply_t, shared_pixmaps, 0) } } },
+    plain_story,
+    "SHM: available, SHM Pixmap: not available" },
+  { "pixmaps_of_another_format",
+    { { .request = "ShmQueryVersion", .patch = { X_FIELD (xcb_shm_query_version_reply_t, pixmap_format, 1) } } },
+    plain_story,
+    "SHM: available, SHM Pixmap: not available" },
+  { "attach_refused", { failing ("ShmAttach", XCB_ACCESS) }, "SHM_FAILED: Failed to attach shared memory; whole; 2" },
+  { "attach_refused_without_damage",
+    { failing ("ShmAttach", XCB_ACCESS) },
+    "SHM_FAILED: Failed to attach shared memory; whole; 2",
+    nullptr,
+    false },
+  { "pixmap_refused",
+    { failing ("ShmCreatePixmap", XCB_ALLOC) },
+    plain_story,
+    "Unable to create shm pixmap of 96x64, falling back to shm get image (response_type: 0 error_code: 11)" },
+  { "gc_refused",
+    { failing ("CreateGC", XCB_ALLOC) },
+    plain_story,
+    "Failed to create GC, falling back to shm get image (response_type: 0 error_code: 11)" },
+  { "shm_image_fails",
+    { failing ("ShmGetImage", XCB_ALLOC, 1) },
+    "SHM_FAILED: Failed to get shm image (response_type: 0 error_code: 11); whole; 2",
+    nullptr,
+    true,
+    false },
+  { "second_shm_image_fails",
+    { failing ("ShmGetImage", XCB_ALLOC, 2) },
+    "whole; SHM_FAILED: Failed to get shm image (response_type: 0 error_code: 11); whole",
+    nullptr,
+    true,
+    false },
+  { "copy_fails",
+    { failing ("CopyArea", XCB_ALLOC, 1) },
+    "SHM_FAILED: Failed to copy area (response_type: 0 error_code: 11); whole; 2" },
+  { "image_outside",
+    { failing ("ShmAttach", XCB_ACCESS), failing ("GetImage", XCB_MATCH, 1) },
+    "SHM_FAILED: Failed to attach shared memory; NEEDS_RECONFIGURE: Failed to get image, needs reconfigure "
+    "(response_type: 0 error_code: 8); whole; 2" },
+  { "image_fails",
+    { failing ("ShmAttach", XCB_ACCESS), failing ("GetImage", XCB_ALLOC, 1) },
+    "SHM_FAILED: Failed to attach shared memory; FAILED: Failed to get image (response_type: 0 error_code: 11); whole; "
+    "2" },
+  { "no_geometry", { failing ("GetGeometry", XCB_DRAWABLE, 1) }, "FAILED_SETUP: Unsupported depth 0" },
+  { "no_format_for_depth",
+    { { .request = "GetGeometry", .patch = { X_FIELD (xcb_get_geometry_reply_t, depth, 29) } } },
+    "FAILED_SETUP: Unable to get format for depth" },
+};
+
+TEST (ReaderFaultTest, FallsBackAndTellsTheHostWhatToDo)
+{
+  XServer server (XServer::XVFB, { "-screen", "0", "96x64x24" });
+  Painter painter (server.display ());
+
+  for (const auto &row : reader_cases)
+    {
+      SCOPED_TRACE (row.name);
+      SettingsScope dirty ("com.quorlane.ryx.display", "use-grabber-dirty-region",
+                           g_variant_new_boolean (row.dirty_region));
+      SettingsScope pixmaps ("com.quorlane.ryx.display.linux", "use-shm-pixmaps",
+                             g_variant_new_boolean (row.shm_pixmaps));
+      FaultProxy proxy (server.display ());
+      LogRecorder log;
+      for (const auto &rule : row.rules)
+        proxy.add (rule);
+
+      painter.fill (0, 0, 96, 64, 0x102030);
+      TestReader reader (proxy.display ());
+      EXPECT_EQ (use_reader (reader, painter), row.story);
+      EXPECT_TRUE (!row.line || log.contains (domain, G_LOG_LEVEL_WARNING, row.line)
+                   || log.contains (domain, G_LOG_LEVEL_INFO, row.line))
+        << log.dump ();
+    }
+}
+
+TEST (ReaderFaultTest, IsWokenByAConfigureNotifyAndNotByAnXError)
+{
+  XServer server (XServer::XVFB, { "-screen", "0", "96x64x24" });
+  FaultProxy proxy (server.display ());
+  const uint8_t configure_notify[32] = { XCB_CONFIGURE_NOTIFY | 0x80 };
+
+  for (const bool waits : { true, false })
+    {
+      SCOPED_TRACE (waits);
+      /* Without Damage and RandR their event bases are 0, as is the type of an X error. */
+      LogRecorder log;
+      proxy.clear ();
+      for (const char *extension : { "DAMAGE", "RANDR" })
+        if (!waits)
+          proxy.hide_extension (extension);
+      proxy.add (failing ("ChangeWindowAttributes", XCB_WINDOW));
+
+      TestReader reader (proxy.display ());
+      ASSERT_TRUE (reader.setup () && reader.configure ()) << reader.failure;
+      ASSERT_TRUE (reader.grab ()) << reader.failure;
+      EXPECT_TRUE (log.contains (domain, G_LOG_LEVEL_DEBUG, "Ignoring X error 3")) << log.dump ();
+
+      if (waits)
+        {
+          proxy.insert (proxy.clients () - 1, configure_notify, sizeof configure_notify);
+          EXPECT_FALSE (reader.grab ());
+          EXPECT_EQ (reader.failure, "NEEDS_RECONFIGURE: Root window reconfigured");
+        }
+    }
+}
+
+TEST (ReaderFaultTest, LeavesNoServerGrabWhenItsProcessIsKilledInsideOne)
+{
+  XServer server (XServer::XVFB, { "-screen", "0", "96x64x24" });
+  FaultProxy proxy (server.display ());
+  XcbClient observer (server.display ());
+
+  for (const char *request : { "DamageSubtract", "CopyArea" })
+    {
+      SCOPED_TRACE (request);
+      std::atomic<pid_t> child = 0;
+      const unsigned rule = proxy.add (
+        { .request = request, .when = [&child] (const Bytes &) { return child != 0 && kill (child, SIGKILL) == 0; } });
+      child = fork ();
+      if (child == 0)
+        {
+          TestReader reader (proxy.display ());
+          _exit (reader.setup () && reader.configure () && reader.grab ());
+        }
+
+      int status = 0;
+      waitpid (child, &status, 0);
+      EXPECT_TRUE (WIFSIGNALED (status) && WTERMSIG (status) == SIGKILL) << "status " << status;
+      EXPECT_GE (proxy.hits (rule), 1u);
+      EXPECT_TRUE (wait_until ([&] { return observer.round_trip (1000); }));
+      proxy.clear ();
+    }
+}
+
+TEST (ReaderFaultTest, TakesADepthOf30AsItComes)
+{
+  XServer server (XServer::XVFB, { "-screen", "0", "96x64x30" });
+  Painter painter (server.display ());
+  TestReader reader (server.display ());
+
+  painter.fill (0, 0, 96, 64, 0x3fffffff);
+  EXPECT_EQ (use_reader (reader, painter), plain_story);
+}
+
+/* A server with 3-byte pixels, whose rows of 1001 pixels end with a byte of padding, so that no stride in pixels says
+ * how long they are. The segment fills its pages: one byte read behind it ends the process. */
+class PackedPixelsTest : public testing::Test
+{
+protected:
+  static constexpr unsigned width = 1001, height = 1024, bytes_per_line = 3004;
+
+  PackedPixelsTest ()
+  {
+    proxy.add ({ .request = "Setup", .edit = [] (Bytes &reply) {
+                  auto *setup = as<xcb_setup_t> (reply.data ());
+                  for (int i = 0; i < xcb_setup_pixmap_formats_length (setup); i++)
+                    if (xcb_setup_pixmap_formats (setup)[i].depth == 24)
+                      xcb_setup_pixmap_formats (setup)[i].bits_per_pixel = 24;
+                } });
+    proxy.add ({ .request = "ShmAttach", .when = [this] (const Bytes &request) {
+                  segment = static_cast<uint8_t *> (
+                    shmat (as<xcb_shm_attach_request_t> (request.data ())->shmid, nullptr, 0));
+                  return false;
+                } });
+    proxy.add ({ .request = "ShmGetImage", .answer = [this] (const Bytes &) {
+                  for (unsigned y = 0; y < height; y++)
+                    memcpy (segment + y * bytes_per_line, &screen[y * width * 3], width * 3);
+                  return Bytes (32);
+                } });
+    proxy.add ({ .request = "GetImage", .answer = [this] (const Bytes &) {
+                  Bytes reply (32 + (screen.size () + 3) / 4 * 4);
+                  std::copy (screen.begin (), screen.end (), reply.begin () + 32);
+                  return reply;
+                } });
+    for (size_t i = 0; i < screen.size (); i++)
+      screen[i] = i % 251;
+  }
+  ~PackedPixelsTest () override
+  {
+    if (segment)
+      shmdt (segment);
+  }
+
+  SettingsScope dirty{ "com.quorlane.ryx.display", "use-grabber-dirty-region", g_variant_new_boolean (FALSE) };
+  SettingsScope pixmaps{ "com.quorlane.ryx.display.linux", "use-shm-pixmaps", g_variant_new_boolean (FALSE) };
+  XServer server{ XServer::XVFB, { "-screen", "0", "1001x1024x24" } };
+  FaultProxy proxy{ server.display () };
+  uint8_t *segment = nullptr;
+  std::vector<uint8_t> screen = std::vector<uint8_t> (width * height * 3);
+};
+
+TEST_F (PackedPixelsTest, ReachTheHostAsBgrAndAreComparedToTheLastByte)
+{
+  for (const bool has_shm : { true, false })
+    {
+      SCOPED_TRACE (has_shm);
+      if (!has_shm)
+        proxy.hide_extension ("MIT-SHM");
+      TestReader reader (proxy.display (), 0, 64);
+      ASSERT_TRUE (reader.setup () && reader.configure ()) << reader.failure;
+
+      Frame frame = reader.grab ();
+      ASSERT_TRUE (frame) << reader.failure;
+      EXPECT_EQ (ryx_frame_data_get_format (ryx_captured_frame_get_frame_data (frame.get ())), RYX_PIXEL_FORMAT_BGR);
+      EXPECT_EQ (pixels_of (frame.get ()), screen);
+
+      EXPECT_FALSE (reader.grab ());
+      EXPECT_EQ (reader.failure, "EMPTY_FRAME: Empty frame");
+
+      screen.back () ^= 0xff;
+      screen[3 * 64] ^= 0xff;
+      frame = reader.grab ();
+      ASSERT_TRUE (frame) << reader.failure;
+      EXPECT_EQ (blocks_of (frame.get ()), "1,0 15,15");
+      EXPECT_EQ (pixels_of (frame.get ()), screen);
+    }
+}

@@ -1,0 +1,166 @@
+#include "sweep.h"
+
+#include <optional>
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "logrecorder.h"
+
+/* A child of the test ends with one of these, or because Xlib lost its connection. */
+enum
+{
+  CHILD_DONE = 0,
+  CHILD_LOST_DISPLAY = 1,
+  CHILD_FOUND_FAULT = 2,
+};
+
+class Sweep
+{
+public:
+  explicit Sweep (const SweepScenario &swept)
+      : scenario (swept), server (swept.kind, swept.arguments), painter (server.display ()), proxy (server)
+  {
+    load_module ();
+  }
+
+  void
+  run ()
+  {
+    std::optional<GdkDisplayScope> gdk;
+    if (scenario.on_gdk)
+      gdk.emplace (proxy.display ());
+
+    /* What a connection asks only once is asked before. */
+    if (scenario.on_gdk)
+      scenario.make (stage)->use ();
+
+    const std::vector<std::string> requests = proxy.record ([&] { scenario.make (stage)->use (); });
+    ASSERT_FALSE (requests.empty ());
+    ASSERT_FALSE (testing::Test::HasFailure ());
+
+    for (unsigned n = 0; n < requests.size (); n++)
+      {
+        /* The protocol has no error for it, and nothing could be done about one. */
+        if (requests[n] == "UngrabServer")
+          continue;
+
+        SCOPED_TRACE (requests[n] + " (request " + std::to_string (n) + ") answered with BadAlloc");
+        run_failing (n);
+        if (testing::Test::HasFailure ())
+          return;
+      }
+
+    gdk.reset ();
+    for (unsigned n = 0; n < requests.size (); n++)
+      {
+        SCOPED_TRACE ("connection cut at " + requests[n] + " (request " + std::to_string (n) + ")");
+        if (scenario.on_gdk)
+          run_cut_in_child (n);
+        else
+          run_cut (n);
+        if (testing::Test::HasFailure ())
+          return;
+      }
+  }
+
+private:
+  void
+  run_failing (unsigned n)
+  {
+    const unsigned segments = count_segments ();
+    LogRecorder log (G_LOG_LEVEL_ERROR);
+    {
+      const unsigned rule = proxy.fail_request (n, XCB_ALLOC);
+      const auto subject = scenario.make (stage);
+      subject->use ();
+      expect_no_grab ();
+      EXPECT_EQ (proxy.hits (rule), 1u) << "the request did not come";
+      proxy.remove (rule);
+      subject->expect_works ();
+    }
+    expect_order (log, segments);
+  }
+
+  void
+  run_cut (unsigned n)
+  {
+    const unsigned segments = count_segments ();
+    LogRecorder log (G_LOG_LEVEL_ERROR);
+    const unsigned rule = proxy.cut_at (n);
+
+    scenario.make (stage)->use ();
+    proxy.remove (rule);
+    expect_order (log, segments);
+  }
+
+  void
+  run_cut_in_child (unsigned n)
+  {
+    int ready[2], go[2], status = 0;
+    char byte;
+
+    ASSERT_TRUE (pipe (ready) == 0 && pipe (go) == 0);
+    const pid_t child = fork ();
+    if (child == 0)
+      {
+        new GdkDisplayScope (proxy.display ());
+        if (write (ready[1], "", 1) == 1 && read (go[0], &byte, 1) == 1)
+          scenario.make (stage)->use ();
+        _exit (testing::Test::HasFailure () ? CHILD_FOUND_FAULT : CHILD_DONE);
+      }
+
+    close (ready[1]);
+    ASSERT_EQ (read (ready[0], &byte, 1), 1);
+    const unsigned rule = proxy.cut_at (n);
+    ASSERT_EQ (write (go[1], "", 1), 1);
+    waitpid (child, &status, 0);
+    proxy.remove (rule);
+    for (int end : { ready[0], go[0], go[1] })
+      close (end);
+
+    EXPECT_TRUE (WIFEXITED (status)
+                 && (WEXITSTATUS (status) == CHILD_DONE || WEXITSTATUS (status) == CHILD_LOST_DISPLAY))
+      << "status " << status;
+    expect_no_grab ();
+    if (scenario.check)
+      scenario.check (stage);
+  }
+
+  void
+  expect_no_grab ()
+  {
+    EXPECT_TRUE (painter.round_trip (5000)) << "the server is still grabbed";
+  }
+
+  void
+  expect_order (const LogRecorder &log, unsigned segments)
+  {
+    expect_no_grab ();
+    EXPECT_TRUE (wait_until ([&] { return count_segments () <= segments; })) << "a segment is left";
+    for (const char *domain : { "GLib", "GLib-GObject", "GLib-GIO", "Gdk" })
+      for (const GLogLevelFlags level : { G_LOG_LEVEL_WARNING, G_LOG_LEVEL_CRITICAL })
+        EXPECT_FALSE (log.contains (domain, level, "")) << log.dump ();
+    if (scenario.check)
+      scenario.check (stage);
+  }
+
+  const SweepScenario &scenario;
+  XServer server;
+  Painter painter;
+  FaultProxy proxy;
+  const SweepStage stage{ proxy.display (), proxy, painter };
+};
+
+std::ostream &
+operator<< (std::ostream &stream, const SweepScenario &scenario)
+{
+  return stream << scenario.name;
+}
+
+void
+sweep (const SweepScenario &scenario)
+{
+  Sweep (scenario).run ();
+}

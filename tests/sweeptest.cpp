@@ -1,0 +1,179 @@
+#include <atomic>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "sweep.h"
+
+/* A reader that sets up, configures and takes two frames, as a host does: configuring again when it is asked to. */
+class ReaderSubject : public SweepSubject
+{
+public:
+  explicit ReaderSubject (const SweepStage &sweep_stage) : stage (sweep_stage), reader (sweep_stage.display) {}
+
+  void
+  use () override
+  {
+    is_set_up = reader.setup ();
+    if (!is_set_up || !reader.configure () || !grab ())
+      return;
+    draw ();
+    grab ();
+  }
+
+  void
+  expect_works () override
+  {
+    is_set_up = is_set_up || reader.setup ();
+    ASSERT_TRUE (is_set_up) << reader.failure;
+
+    /* At most: shared memory given up, and the screen changed by the waker. */
+    Frame frame;
+    for (int tries = 0; tries < 4 && !frame; tries++)
+      {
+        if (reader.failure.starts_with ("EMPTY_FRAME") || reader.configure ())
+          {
+            draw ();
+            frame = grab ();
+          }
+      }
+    ASSERT_TRUE (frame) << reader.failure;
+    EXPECT_EQ (pixels_of (frame.get ()), stage.painter.image (0, 0, 96, 64));
+  }
+
+private:
+  void
+  draw ()
+  {
+    stage.painter.fill (5, 5, 70, 3, colour += 0x010203);
+  }
+
+  /* A reader whose damage was lost would wait for ever; a host wakes it by saying that the screen changed. */
+  Frame
+  grab ()
+  {
+    std::atomic<bool> grabbed = false;
+    std::thread waker ([&] {
+      const gint64 deadline = g_get_monotonic_time () + G_USEC_PER_SEC;
+      while (!grabbed && g_get_monotonic_time () < deadline)
+        g_usleep (2000);
+      if (!grabbed)
+        {
+          xcb_configure_notify_event_t notify = {};
+          notify.response_type = XCB_CONFIGURE_NOTIFY | 0x80;
+          stage.proxy.insert (stage.proxy.clients () - 1, &notify, sizeof notify);
+        }
+    });
+    Frame frame = reader.grab ();
+
+    grabbed = true;
+    waker.join ();
+    return frame;
+  }
+
+  const SweepStage stage;
+  TestReader reader;
+  bool is_set_up = false;
+  uint32_t colour = 0;
+};
+
+class EnumeratorSubject : public SweepSubject
+{
+public:
+  explicit EnumeratorSubject (const SweepStage &)
+      : enumerator (G_OBJECT (
+        ryx_host_create (RYX_DISPLAY_ENUMERATOR_EXTENSION_POINT, "displayenumeratorxrandr", nullptr, nullptr)))
+  {
+  }
+  ~EnumeratorSubject () override { g_object_unref (enumerator); }
+
+  void
+  use () override
+  {
+    enumerate ();
+  }
+  void
+  expect_works () override
+  {
+    EXPECT_GT (enumerate (), 0u); /* one where it was made to do without RandR */
+  }
+
+private:
+  guint32
+  enumerate ()
+  {
+    g_autoptr (GError) error = nullptr;
+    g_autoptr (RyxDisplayLayout) layout
+      = ryx_display_enumerator_get_display_layout (RYX_DISPLAY_ENUMERATOR (enumerator), &error);
+    guint32 n_heads = 0;
+
+    EXPECT_EQ (layout == nullptr, error != nullptr);
+    if (error)
+      EXPECT_EQ (error->domain, G_IO_ERROR);
+    else
+      ryx_display_layout_get_heads (layout, &n_heads);
+    return n_heads;
+  }
+
+  GObject *enumerator;
+};
+
+template <typename Subject>
+static std::unique_ptr<SweepSubject>
+make (const SweepStage &stage)
+{
+  return std::make_unique<Subject> (stage);
+}
+
+static const std::vector<std::string> without_shm = { "-screen", "0", "96x64x24", "-extension", "MIT-SHM" };
+
+struct ReaderCase
+{
+  gboolean dirty_region, shm_pixmaps;
+  SweepScenario scenario;
+};
+
+static const ReaderCase reader_cases[] = {
+  { TRUE, TRUE, { "damage_into_shared_pixmap", make<ReaderSubject> } },
+  { TRUE, FALSE, { "damage_by_shm_image", make<ReaderSubject> } },
+  { TRUE, TRUE, { .name = "damage_by_image", .make = make<ReaderSubject>, .arguments = without_shm } },
+  { FALSE, TRUE, { "comparison_of_shared_pixmap", make<ReaderSubject> } },
+  { FALSE, FALSE, { "comparison_of_shm_image", make<ReaderSubject> } },
+  { FALSE, TRUE, { .name = "comparison_of_image", .make = make<ReaderSubject>, .arguments = without_shm } },
+};
+
+class ReaderSweep : public testing::TestWithParam<ReaderCase>
+{
+};
+
+TEST_P (ReaderSweep, SurvivesEveryFailedRequestAndEveryCut)
+{
+  SettingsScope dirty ("com.quorlane.ryx.display", "use-grabber-dirty-region",
+                       g_variant_new_boolean (GetParam ().dirty_region));
+  SettingsScope pixmaps ("com.quorlane.ryx.display.linux", "use-shm-pixmaps",
+                         g_variant_new_boolean (GetParam ().shm_pixmaps));
+  sweep (GetParam ().scenario);
+}
+
+INSTANTIATE_TEST_SUITE_P (Of, ReaderSweep, testing::ValuesIn (reader_cases),
+                          [] (const auto &info) { return std::string (info.param.scenario.name); });
+
+static const SweepScenario scenarios[] = {
+  { .name = "enumerate",
+    .make = make<EnumeratorSubject>,
+    .on_gdk = true,
+    .kind = XServer::XORG_DUMMY,
+    .arguments = {} },
+};
+
+class ScenarioSweep : public testing::TestWithParam<SweepScenario>
+{
+};
+
+TEST_P (ScenarioSweep, SurvivesEveryFailedRequestAndEveryCut)
+{
+  sweep (GetParam ());
+}
+
+INSTANTIATE_TEST_SUITE_P (Of, ScenarioSweep, testing::ValuesIn (scenarios),
+                          [] (const auto &info) { return std::string (info.param.name); });
