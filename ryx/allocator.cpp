@@ -1,12 +1,15 @@
 #include <ryx/allocator.h>
 
 #include <stdlib.h>
+#include <sys/mman.h>
 
 /* What a reader keeps to compare with and what its host sends fit into this many. */
 static constexpr guint MAX_IDLE = 2;
 
 /* A cache line; also the widest vector that encoders load aligned. */
 static constexpr gsize ALIGNMENT = 64;
+
+static constexpr gsize HUGE_PAGE = 2 << 20;
 
 struct _RyxAllocator
 {
@@ -71,6 +74,23 @@ take_idle (RyxAllocator *allocator, gsize size)
   return allocator->n_idle > 0 ? allocator->idle[--allocator->n_idle] : nullptr;
 }
 
+static gpointer
+allocate (gsize size)
+{
+  const gsize alignment = size >= HUGE_PAGE ? HUGE_PAGE : ALIGNMENT;
+  gpointer memory;
+
+  /* An allocation of no bytes may be NULL, which would look like a failure. */
+  if (posix_memalign (&memory, alignment, MAX (size, 1)) != 0)
+    return nullptr;
+
+  /* Frames are walked through from end to end all the time, which is faster in huge pages. The system
+   * may not have any: this is advice. */
+  if (alignment == HUGE_PAGE)
+    madvise (memory, size, MADV_HUGEPAGE);
+  return memory;
+}
+
 gpointer
 ryx_allocator_acquire (RyxAllocator *allocator, gsize size)
 {
@@ -79,8 +99,7 @@ ryx_allocator_acquire (RyxAllocator *allocator, gsize size)
   gpointer memory = take_idle (allocator, size);
   if (memory)
     return memory;
-  /* No byte is wanted, but an address is. */
-  return posix_memalign (&memory, ALIGNMENT, MAX (size, 1)) == 0 ? memory : nullptr;
+  return allocate (size);
 }
 
 static bool
