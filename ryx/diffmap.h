@@ -17,7 +17,8 @@ G_BEGIN_DECLS
  * the #RyxFrameData that owns one of the two pixel pointers, 4 bytes when neither belongs to one. A
  * pointer of a frame data is read with that frame data's own stride, whatever is passed for it; the
  * other image's too when both are given the same number of whole pixels, since a stride in pixels
- * can't express a padded row of 3-byte pixels.
+ * can't express a padded row of 3-byte pixels. Images that are larger than a frame data that they are
+ * read from, or frame datas of different pixel sizes, are refused with a critical message.
  */
 typedef struct _RyxDiffmap RyxDiffmap;
 
@@ -64,7 +65,7 @@ RYX_API RyxDiffmap *ryx_diffmap_new_all_zero (guint32 width, guint32 height, gui
  * Compares two images, in one pass in memory order.
  *
  * Returns: (transfer full) (nullable): a new map that marks the blocks in which the images differ;
- *   %NULL as for ryx_diffmap_new_all_set().
+ *   %NULL as for ryx_diffmap_new_all_set(), or when the images can't be compared.
  */
 RYX_API RyxDiffmap *ryx_diffmap_new_from_images (const guint8 *old_pixels, const guint8 *new_pixels, guint32 width,
                                                  guint32 height, gint32 old_stride, gint32 new_stride,

@@ -24,49 +24,45 @@ ryx_host_register (void)
   g_type_ensure (RYX_TYPE_HEALTH);
 }
 
-/* GIO prints why a module does not load, and tells nobody; so the loader is asked first. */
-static gboolean
-can_be_opened (const gchar *path, GError **error)
+/* GIO prints why a module does not load, and tells nobody; so the loader is asked first. The module
+ * stays open: it may pull in libraries that don't bear being unloaded. */
+static GModule *
+open_module (const gchar *path, GError **error)
 {
   GModule *library = g_module_open (path, static_cast<GModuleFlags> (G_MODULE_BIND_LAZY | G_MODULE_BIND_LOCAL));
   gpointer load_function;
 
-  if (!library)
-    {
-      g_set_error (error, G_IO_ERROR, G_IO_ERROR_FAILED, "Cannot load module %s: %s", path, g_module_error ());
-      return FALSE;
-    }
+  if (library && g_module_symbol (library, "g_io_module_load", &load_function))
+    return library;
 
-  const gboolean is_gio_module = g_module_symbol (library, "g_io_module_load", &load_function);
-  if (!is_gio_module)
-    g_set_error (error, G_IO_ERROR, G_IO_ERROR_FAILED, "Cannot load module %s: %s", path, g_module_error ());
-
-  g_module_close (library);
-  return is_gio_module;
+  g_set_error (error, G_IO_ERROR, G_IO_ERROR_FAILED, "Cannot load module %s: %s", path, g_module_error ());
+  if (library)
+    g_module_close (library);
+  return nullptr;
 }
 
 static gboolean
 load_module (const gchar *path, GError **error)
 {
-  /* The paths loaded so far: a module's types can be registered only once. */
-  static GHashTable *loaded = g_hash_table_new_full (g_str_hash, g_str_equal, g_free, nullptr);
-  g_autofree gchar *real_path = g_canonicalize_filename (path, nullptr);
+  /* A module's types can be registered only once. The loader knows a file again, under whatever path. */
+  static GHashTable *loaded = g_hash_table_new (nullptr, nullptr);
+  GModule *library = open_module (path, error);
 
-  if (g_hash_table_contains (loaded, real_path))
-    return TRUE;
-  if (!can_be_opened (real_path, error))
+  if (!library)
     return FALSE;
+  if (g_hash_table_contains (loaded, library))
+    return TRUE;
 
   /* A type module must never be finalised, so this reference stays. */
-  GIOModule *module = g_io_module_new (real_path);
+  GIOModule *module = g_io_module_new (path);
   if (!g_type_module_use (G_TYPE_MODULE (module)))
     {
-      g_set_error (error, G_IO_ERROR, G_IO_ERROR_FAILED, "Cannot load module %s", real_path);
+      g_set_error (error, G_IO_ERROR, G_IO_ERROR_FAILED, "Cannot load module %s", path);
       return FALSE;
     }
 
   g_type_module_unuse (G_TYPE_MODULE (module));
-  g_hash_table_add (loaded, g_steal_pointer (&real_path));
+  g_hash_table_add (loaded, library);
   return TRUE;
 }
 

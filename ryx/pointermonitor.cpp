@@ -67,10 +67,9 @@ ryx_pointer_monitor_class_init (RyxPointerMonitorClass *klass)
                                                G_TYPE_NONE, 2, G_TYPE_UINT, G_TYPE_UINT);
   signals[SIGNAL_CURSOR_CHANGED]
     = g_signal_new ("cursor-changed", type, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 3,
-                    RYX_TYPE_CURSOR | G_SIGNAL_TYPE_STATIC_SCOPE, G_TYPE_BOOLEAN, G_TYPE_UINT64);
-  signals[SIGNAL_CURSOR_RETRIEVED]
-    = g_signal_new ("cursor-retrieved", type, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 1,
-                    RYX_TYPE_CURSOR | G_SIGNAL_TYPE_STATIC_SCOPE);
+                    RYX_TYPE_CURSOR, G_TYPE_BOOLEAN, G_TYPE_UINT64);
+  signals[SIGNAL_CURSOR_RETRIEVED] = g_signal_new ("cursor-retrieved", type, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr,
+                                                   nullptr, G_TYPE_NONE, 1, RYX_TYPE_CURSOR);
   signals[SIGNAL_CURSOR_CACHE_INVALIDATED]
     = g_signal_new ("cursor-cache-invalidated", type, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 0);
 }
