@@ -189,8 +189,8 @@ RYX_API void ryx_input_injector_channel_disconnected (RyxInputInjector *injector
  *   no variant at that location, its standard one counts
  *
  * "Meta" and "OS" are the logo key, which is Super in X; "AltGraph" is the key that chooses the third
- * level, wherever it sits. "Dead" names no key by itself: it hides which accent was pressed, and the
- * character that is composed with it arrives by its own name. Single characters are no names. Any thread.
+ * level, wherever it sits. "Dead" has no keysym: it hides which accent was pressed, and the character
+ * that is composed with it arrives as itself. Single characters are no names. Any thread.
  *
  * Returns: the X keysym of that key, 0 when the name is unknown.
  */
