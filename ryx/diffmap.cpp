@@ -3,6 +3,7 @@
 #include "framedata-private.h"
 
 #include <algorithm>
+#include <optional>
 #include <string.h>
 
 struct _RyxDiffmap
@@ -23,6 +24,9 @@ enum : guint8
   DIFFERENT = 1,
   UNDECIDED = 2, /* equal as far as it was looked at */
 };
+
+/* Of an image that no frame data owns. */
+static constexpr guint BARE_PIXEL_SIZE = 4;
 
 struct Image
 {
@@ -92,17 +96,20 @@ get_block_start (const RyxDiffmap *diffmap, guint32 index, guint32 extent)
 }
 
 static bool
-fits (const FrameDataGeometry &geometry, guint32 width, guint32 height)
+fits (const std::optional<FrameDataGeometry> &frame, guint32 width, guint32 height)
 {
-  return width <= geometry.width && height <= geometry.height;
+  return !frame || (width <= frame->width && height <= frame->height);
 }
 
 static gssize
-choose_stride (gint32 stride_in_pixels, const FrameDataGeometry &other)
+choose_stride (gint32 stride_in_pixels, guint pixel_size, const std::optional<FrameDataGeometry> &own_frame,
+               const std::optional<FrameDataGeometry> &other_frame)
 {
-  if (stride_in_pixels >= 0 && static_cast<gsize> (stride_in_pixels) == other.stride / other.pixel_size)
-    return static_cast<gssize> (other.stride);
-  return gssize{ stride_in_pixels } * static_cast<gssize> (other.pixel_size);
+  if (own_frame)
+    return static_cast<gssize> (own_frame->stride);
+  if (other_frame && stride_in_pixels >= 0 && gsize (stride_in_pixels) == other_frame->stride / pixel_size)
+    return static_cast<gssize> (other_frame->stride);
+  return gssize{ stride_in_pixels } * pixel_size;
 }
 
 /* Finds out how two images lie in memory. False when they can't be compared at that size. */
@@ -110,25 +117,18 @@ static bool
 find_images (const guint8 *old_pixels, const guint8 *new_pixels, guint32 width, guint32 height, gint32 old_stride,
              gint32 new_stride, ImagePair *pair)
 {
-  FrameDataGeometry old_frame, new_frame;
-  const bool old_is_frame = ryx_frame_data_find_geometry (old_pixels, &old_frame);
-  const bool new_is_frame = ryx_frame_data_find_geometry (new_pixels, &new_frame);
+  const auto old_frame = ryx_frame_data_find_geometry (old_pixels);
+  const auto new_frame = ryx_frame_data_find_geometry (new_pixels);
 
-  if ((old_is_frame && !fits (old_frame, width, height)) || (new_is_frame && !fits (new_frame, width, height)))
+  if (!fits (old_frame, width, height) || !fits (new_frame, width, height))
     return false;
-  if (old_is_frame && new_is_frame && old_frame.pixel_size != new_frame.pixel_size)
+  if (old_frame && new_frame && old_frame->pixel_size != new_frame->pixel_size)
     return false;
 
-  static constexpr guint BARE_PIXEL_SIZE = 4;
-  if (!old_is_frame && !new_is_frame)
-    *pair = { { old_pixels, gssize{ old_stride } * BARE_PIXEL_SIZE },
-              { new_pixels, gssize{ new_stride } * BARE_PIXEL_SIZE },
-              BARE_PIXEL_SIZE };
-  else
-    *pair
-      = { { old_pixels, old_is_frame ? static_cast<gssize> (old_frame.stride) : choose_stride (old_stride, new_frame) },
-          { new_pixels, new_is_frame ? static_cast<gssize> (new_frame.stride) : choose_stride (new_stride, old_frame) },
-          old_is_frame ? old_frame.pixel_size : new_frame.pixel_size };
+  const guint pixel_size = old_frame ? old_frame->pixel_size : new_frame ? new_frame->pixel_size : BARE_PIXEL_SIZE;
+  *pair = { { old_pixels, choose_stride (old_stride, pixel_size, old_frame, new_frame) },
+            { new_pixels, choose_stride (new_stride, pixel_size, new_frame, old_frame) },
+            pixel_size };
   return true;
 }
 
@@ -177,15 +177,15 @@ decide_pixel_row (const RowComparison &comparison, guint8 *marks, guint32 n_unde
   if (n_undecided == columns)
     return decide_run (comparison, marks, 0, columns);
 
-  for (guint32 column = 0; column < columns; column++)
+  for (guint32 first = 0, end; first < columns; first = end)
     {
-      if (marks[column] != UNDECIDED)
+      end = first + 1;
+      if (marks[first] != UNDECIDED)
         continue;
 
-      const guint32 first_column = column;
-      while (column < columns && marks[column] == UNDECIDED)
-        column++;
-      n_decided += decide_run (comparison, marks, first_column, column);
+      while (end < columns && marks[end] == UNDECIDED)
+        end++;
+      n_decided += decide_run (comparison, marks, first, end);
     }
   return n_decided;
 }
@@ -398,15 +398,15 @@ add_rects_of_row (RyxDiffmap *diffmap, guint32 row, GArray *rects)
 {
   const guint8 *marks = get_row_marks (diffmap, row);
 
-  for (guint32 column = 0; column < diffmap->columns; column++)
+  for (guint32 first = 0, end; first < diffmap->columns; first = end)
     {
-      if (!marks[column])
+      end = first + 1;
+      if (!marks[first])
         continue;
 
-      const guint32 first_column = column;
-      while (column < diffmap->columns && marks[column])
-        column++;
-      add_rect_of_run (diffmap, row, { first_column, column }, rects);
+      while (end < diffmap->columns && marks[end])
+        end++;
+      add_rect_of_run (diffmap, row, { first, end }, rects);
     }
 }
 

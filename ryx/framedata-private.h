@@ -2,6 +2,8 @@
 
 #include <ryx/framedata.h>
 
+#include <optional>
+
 /* How the pixels of a frame data lie in memory. */
 struct FrameDataGeometry
 {
@@ -10,5 +12,5 @@ struct FrameDataGeometry
   guint pixel_size; /* in bytes */
 };
 
-/* Finds the live frame data whose first byte @pixels is. False when there is none. Any thread. */
-bool ryx_frame_data_find_geometry (const guint8 *pixels, FrameDataGeometry *geometry);
+/* The live frame data whose first byte @pixels is, if it is one's. Any thread. */
+std::optional<FrameDataGeometry> ryx_frame_data_find_geometry (const guint8 *pixels);

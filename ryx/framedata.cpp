@@ -37,19 +37,18 @@ leave_live (RyxFrameData *frame_data)
   g_hash_table_remove (live_by_data, frame_data->data);
 }
 
-bool
-ryx_frame_data_find_geometry (const guint8 *pixels, FrameDataGeometry *geometry)
+std::optional<FrameDataGeometry>
+ryx_frame_data_find_geometry (const guint8 *pixels)
 {
   g_autoptr (GMutexLocker) locker = g_mutex_locker_new (&live_lock);
 
   const auto *frame_data
     = static_cast<const RyxFrameData *> (live_by_data ? g_hash_table_lookup (live_by_data, pixels) : nullptr);
   if (!frame_data)
-    return false;
+    return std::nullopt;
 
-  *geometry
-    = { frame_data->width, frame_data->height, frame_data->stride, ryx_pixel_format_get_size (frame_data->format) };
-  return true;
+  return FrameDataGeometry{ frame_data->width, frame_data->height, frame_data->stride,
+                            ryx_pixel_format_get_size (frame_data->format) };
 }
 
 /* The bytes from the first row's first pixel to the last row's last one. */
