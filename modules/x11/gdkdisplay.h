@@ -5,12 +5,18 @@
 #include <gdk/gdkx.h>
 #include <xcb/xcb.h>
 
+/* GDK's default X display; NULL when there is none, which gdk_x11_get_default_xdisplay () does not look for. */
+inline Display *
+get_default_xdisplay (void)
+{
+  return gdk_display_get_default () ? gdk_x11_get_default_xdisplay () : nullptr;
+}
+
 /* The connection behind GDK's default display, borrowed; NULL when there is none or it broke. */
 inline xcb_connection_t *
 get_xcb_connection (void)
 {
-  /* gdk_x11_get_default_xdisplay () does not look whether there is a display. */
-  Display *xdisplay = gdk_display_get_default () ? gdk_x11_get_default_xdisplay () : nullptr;
+  Display *xdisplay = get_default_xdisplay ();
   if (!xdisplay)
     return nullptr;
 

@@ -4,6 +4,7 @@
 
 #include "displayenumeratorxrandr.h"
 #include "framebufferreaderxcb.h"
+#include "pointermonitorxcb.h"
 
 struct Implementation
 {
@@ -19,6 +20,8 @@ static const Implementation implementations[] = {
     RYX_DISPLAY_ENUMERATOR_EXTENSION_POINT, "displayenumeratorxrandr", 200 },
   { ryx_frame_buffer_reader_xcb_register, ryx_frame_buffer_reader_xcb_get_type, RYX_FRAME_BUFFER_READER_EXTENSION_POINT,
     "fbreaderxcb", 100 },
+  { ryx_pointer_monitor_xcb_register, ryx_pointer_monitor_xcb_get_type, RYX_POINTER_MONITOR_EXTENSION_POINT,
+    "pointermonitorxcb", 200 },
 };
 
 static const gchar *const extension_points[] = {
