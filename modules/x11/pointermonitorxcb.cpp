@@ -4,16 +4,12 @@
 
 #include <array>
 #include <type_traits>
-
-#include <ryx/pointermonitor.h>
 #include <xcb/xfixes.h>
 
 #include "gdkdisplay.h"
 #include "xcbreply.h"
 
 static const guint cursor_update_interval_ms = 40;
-
-G_DECLARE_FINAL_TYPE (RyxPointerMonitorXcb, ryx_pointer_monitor_xcb, RYX, POINTER_MONITOR_XCB, RyxPointerMonitor)
 
 struct _RyxPointerMonitorXcb
 {
@@ -192,14 +188,6 @@ cursor_update_timeout (gpointer user_data)
   return G_SOURCE_CONTINUE;
 }
 
-static gboolean
-has_xfixes (xcb_connection_t *conn)
-{
-  const xcb_query_extension_reply_t *extension = xcb_get_extension_data (conn, &xcb_xfixes_id);
-
-  return extension && extension->present;
-}
-
 static void
 ryx_pointer_monitor_xcb_start (RyxPointerMonitor *base)
 {
@@ -211,7 +199,7 @@ ryx_pointer_monitor_xcb_start (RyxPointerMonitor *base)
     return;
 
   /* Which version to speak was settled by GDK when it opened the display. */
-  monitor->xfixes_supported = has_xfixes (conn);
+  monitor->xfixes_supported = find_extension (conn, &xcb_xfixes_id) != nullptr;
   if (monitor->xfixes_supported)
     g_debug ("XFIXES extension is supported");
   else
