@@ -3,6 +3,7 @@
 #include "command.h"
 
 extern const Command capture_command;
+extern const Command cursor_command;
 extern const Command heads_command;
 extern const Command implementations_command;
 

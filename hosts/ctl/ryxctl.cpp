@@ -8,6 +8,7 @@ static const Command *const commands[] = {
   &implementations_command,
   &heads_command,
   &capture_command,
+  &cursor_command,
 };
 
 static GLogLevelFlags
