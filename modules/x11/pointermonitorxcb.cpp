@@ -44,8 +44,7 @@ get_cursor_cache (RyxPointerMonitorXcb *monitor)
   return cursor_cache;
 }
 
-/* 255 / alpha in 16.16 fixed point, rounded up: a component times its alpha's scale is exact for every pair of bytes,
- * integer part and all, and fits 32 bits. Colours without alpha are left alone. */
+/* 255 / alpha in 16.16 fixed point, rounded up; without alpha 1, which leaves the colour alone. */
 static constexpr std::array<guint32, 256> unpremultiply_scales = [] {
   std::array<guint32, 256> scales = { 1 << 16 };
 
@@ -53,6 +52,18 @@ static constexpr std::array<guint32, 256> unpremultiply_scales = [] {
     scales[alpha] = ((255u << 16) + alpha - 1) / alpha;
   return scales;
 }();
+
+static constexpr bool
+are_scales_exact ()
+{
+  for (guint32 alpha = 1; alpha < 256; alpha++)
+    for (guint32 component = 0; component < 256; component++)
+      if (component * unpremultiply_scales[alpha] >> 16 != component * 255 / alpha)
+        return false;
+  return true;
+}
+
+static_assert (are_scales_exact (), "a product is off or does not fit 32 bits");
 
 static guint32
 unpremultiply (guint32 pixel)
