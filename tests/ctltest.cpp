@@ -54,6 +54,7 @@ static const UsageCase usage_cases[] = {
   { "one_name_for_all", { "capture", "--frames=2", "--png=a.png" }, true, 2, "needs a %d for the frame's number" },
   { "no_such_head", { "capture", "--output=4242" }, true, 1, "ryxctl: There is no head with the output id 4242" },
   { "unwritable", { "capture", "--png=/nowhere/a.png" }, true, 1, "/nowhere/a.png" },
+  { "lines_and_pictures", { "cursor", "--watch", "--png=-" }, true, 2, "with --watch, --png needs a file" },
   { "no_display_named", { "heads" }, false, 3, "ryxctl: No display to open: DISPLAY is not set" },
   { "no_such_display", { "heads", "--display=:98765" }, false, 3, "ryxctl: Cannot open display \":98765\"\n" },
   { "no_modules", { "--module-dir=/nowhere", "heads" }, true, 3, "ryxctl: Error opening directory" },
@@ -152,4 +153,20 @@ TEST_F (CtlTest, EndsWithItsSummaryWhenInterruptedOnAnIdleScreen)
   run.interrupt ();
   EXPECT_EQ (run.status (), 0) << run.err;
   EXPECT_TRUE (run.out.starts_with ("1 frame of 1280x1024 in ")) << run.out;
+}
+
+TEST_F (CtlTest, PrintsALinePerChangeOfTheCursor)
+{
+  XServer server (XServer::XVFB);
+  XcbClient client (server.display ());
+  CtlRun watch (server.display (), { "cursor", "--watch" });
+
+  ASSERT_TRUE (watch.wait_for_lines (2));
+  xcb_warp_pointer (client.conn, XCB_NONE, client.root, 0, 0, 0, 0, 7, 9);
+  ASSERT_TRUE (client.round_trip () && watch.wait_for_lines (3));
+  CtlRun once (server.display (), { "cursor", "--png", "-" }); /* takes the time of several polls */
+  EXPECT_TRUE (once.status () == 0 && once.out.starts_with ("\x89PNG")) << once.err;
+  watch.interrupt ();
+  EXPECT_EQ (watch.status (), 0) << watch.err;
+  EXPECT_EQ (std::count (watch.out.begin (), watch.out.end (), '\n'), 3) << watch.out;
 }
