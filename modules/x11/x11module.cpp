@@ -3,6 +3,7 @@
 #include <ryx/ryx.h>
 
 #include "displayenumeratorxrandr.h"
+#include "displaylayoutmanagerxrandr.h"
 #include "framebufferreaderxcb.h"
 #include "pointermonitorxcb.h"
 
@@ -16,6 +17,8 @@ struct Implementation
 };
 
 static const Implementation implementations[] = {
+  { ryx_display_layout_manager_xrandr_register, ryx_display_layout_manager_xrandr_get_type,
+    RYX_DISPLAY_LAYOUT_MANAGER_EXTENSION_POINT, "displaylayoutmanagerxrandr", 100 },
   { ryx_display_enumerator_xrandr_register, ryx_display_enumerator_xrandr_get_type,
     RYX_DISPLAY_ENUMERATOR_EXTENSION_POINT, "displayenumeratorxrandr", 200 },
   { ryx_frame_buffer_reader_xcb_register, ryx_frame_buffer_reader_xcb_get_type, RYX_FRAME_BUFFER_READER_EXTENSION_POINT,
