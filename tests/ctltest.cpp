@@ -5,7 +5,6 @@
 #include <glib/gstdio.h>
 #include <gtest/gtest.h>
 #include <json-glib/json-glib.h>
-#include <xcb/randr.h>
 
 #include "capture.h"
 #include "ctl.h"
@@ -52,6 +51,14 @@ static const UsageCase usage_cases[] = {
   { "no_blocks", { "capture", "--block-size=0" }, true, 2, "ryxctl: capture: --block-size must be from 1 to 65535" },
   { "no_time", { "capture", "--seconds=nan" }, true, 2, "ryxctl: capture: --seconds must be above 0" },
   { "one_name_for_all", { "capture", "--frames=2", "--png=a.png" }, true, 2, "needs a %d for the frame's number" },
+  { "no_layout", { "layout" }, true, 2, "ryxctl: layout: no head was given (WxH+X+Y)\n" },
+  { "no_position", { "layout", "800x600+0+0", "800x600" }, true, 2, "layout: \"800x600\" is not a head's geometry" },
+  { "sign", { "layout", "800x+600+0+0" }, true, 2, "layout: \"800x+600+0+0\" is not a head's geometry (WxH+X+Y)" },
+  { "overflow", { "layout", "4294968096x600+0+0" }, true, 2, "layout: \"4294968096x600+0+0\" is not a head's" },
+  { "out_of_reach", { "layout", "800x600+32768+0" }, true, 2, "layout: \"800x600+32768+0\" is not a head's" },
+  { "empty_head", { "layout", "800x0+0+0" }, true, 2, "layout: \"800x0+0+0\" is not a head's geometry (WxH+X+Y)" },
+  { "more_behind", { "layout", "800x600+0+0," }, true, 2, "layout: \"800x600+0+0,\" is not a head's geometry" },
+  { "too_many_heads", { "layout", "640x480+0+0", "640x480+640+0" }, true, 1, "ryxctl: Unsupported configuration (2 " },
   { "no_such_head", { "capture", "--output=4242" }, true, 1, "ryxctl: There is no head with the output id 4242" },
   { "unwritable", { "capture", "--png=/nowhere/a.png" }, true, 1, "/nowhere/a.png" },
   { "lines_and_pictures", { "cursor", "--watch", "--png=-" }, true, 2, "with --watch, --png needs a file" },
@@ -98,14 +105,10 @@ TEST_F (CtlTest, ListsImplementationsAndHeads)
 TEST_F (CtlTest, WatchesTheHeadsUntilInterrupted)
 {
   XServer server (XServer::XORG_DUMMY);
-  XcbClient client (server.display ());
   CtlRun watch (server.display (), { "heads", "--watch" });
 
   ASSERT_TRUE (watch.wait_for_lines (3));
-  const auto resources = X_REPLY (client.conn, randr_get_screen_resources, client.root);
-  xcb_randr_set_crtc_config_unchecked (client.conn, xcb_randr_get_screen_resources_crtcs (resources.get ())[1], 0, 0, 0,
-                                       0, XCB_NONE, XCB_RANDR_ROTATION_ROTATE_0, 0, nullptr);
-  ASSERT_TRUE (client.round_trip ());
+  EXPECT_EQ (CtlRun (server.display (), { "layout", "--json", "800x600+0+0" }).status (), 0);
   EXPECT_TRUE (watch.wait_for_lines (6)) << watch.out;
   watch.interrupt ();
   EXPECT_EQ (watch.status (), 0) << watch.err;

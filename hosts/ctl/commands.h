@@ -6,6 +6,7 @@ extern const Command capture_command;
 extern const Command cursor_command;
 extern const Command heads_command;
 extern const Command implementations_command;
+extern const Command layout_command;
 
 /* Prints a layout's heads on standard output: a table, or JSON where that was asked for. */
 void print_heads (RyxDisplayLayout *layout);

@@ -7,6 +7,7 @@
 static const Command *const commands[] = {
   &implementations_command,
   &heads_command,
+  &layout_command,
   &capture_command,
   &cursor_command,
 };
