@@ -1,8 +1,10 @@
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "layout.h"
 #include "sweep.h"
 
 /* A reader that sets up, configures and takes two frames, as a host does: configuring again when it is asked to. */
@@ -157,6 +159,86 @@ TEST_P (ReaderSweep, SurvivesEveryFailedRequestAndEveryCut)
 
 INSTANTIATE_TEST_SUITE_P (Of, ReaderSweep, testing::ValuesIn (reader_cases),
                           [] (const auto &info) { return std::string (info.param.scenario.name); });
+
+struct LayoutChange
+{
+  const char *name, *from, *from_heads, *to;
+  std::vector<std::string> exceptions; /* what else a failure may leave than the old layout or the new one, whole */
+};
+
+class LayoutSubject : public SweepSubject
+{
+public:
+  LayoutSubject (const SweepStage &stage, const LayoutChange &layout_change)
+      : observer (stage.painter), change (layout_change)
+  {
+  }
+
+  void
+  use () override
+  {
+    request_layout (change.to);
+  }
+
+  void
+  expect_works () override
+  {
+    EXPECT_TRUE (observer.look ());
+    const std::string left = observer.heads;
+    EXPECT_EQ (request_layout (change.to), "");
+    EXPECT_TRUE (observer.look ());
+    EXPECT_TRUE (left == change.from_heads || left == observer.heads
+                 || std::ranges::count (change.exceptions, left) > 0)
+      << left;
+  }
+
+private:
+  LayoutObserver observer;
+  const LayoutChange &change;
+};
+
+static const char two[] = "1280x720+0+0 800x600+1280+0";
+static const char two_heads[] = "2080x720: DUMMY0 1280x720+0+0, DUMMY1 800x600+1280+0";
+
+/* An output that tells nothing is left out, a switch-off stops half-way, a mode that fails has a substitute. */
+static const LayoutChange layout_changes[] = {
+  { "same_size",
+    two,
+    two_heads,
+    "800x600+0+0 1280x720+800+0",
+    { "800x600: DUMMY0 800x600+0+0", "800x600: DUMMY1 800x600+0+0", "2080x720: DUMMY1 800x600+1280+0", "2080x720:" } },
+  { "new_mode",
+    two,
+    two_heads,
+    "1000x700+0+0 800x600+1000+0",
+    { "1000x696: DUMMY0 1000x696+0+0", "1000x696: DUMMY1 1000x696+0+0", "2080x720: DUMMY1 800x600+1280+0",
+      "2080x720:", "1800x696: DUMMY0 832x624+0+0, DUMMY1 800x600+1000+0" } },
+  { "one_to_two",
+    "1024x768+0+0",
+    "1024x768: DUMMY0 1024x768+0+0",
+    two,
+    { "1280x720: DUMMY0 1280x720+0+0", "1280x720: DUMMY1 1280x720+0+0" } },
+  { "two_to_one", two, two_heads, "1024x768+0+0", { "640x480:", "1024x768: DUMMY1 1024x768+0+0" } },
+};
+
+class LayoutSweep : public testing::TestWithParam<LayoutChange>
+{
+};
+
+TEST_P (LayoutSweep, LeavesOneLayoutWholeWhicheverRequestFails)
+{
+  const LayoutChange &change = GetParam ();
+
+  sweep ({ .name = change.name,
+           .make = [&] (const SweepStage &stage) { return std::make_unique<LayoutSubject> (stage, change); },
+           .on_gdk = true,
+           .kind = XServer::XORG_DUMMY,
+           .arguments = {},
+           .prepare = [&] (const SweepStage &stage) { LayoutObserver (stage.painter).arrange (change.from); } });
+}
+
+INSTANTIATE_TEST_SUITE_P (Of, LayoutSweep, testing::ValuesIn (layout_changes),
+                          [] (const auto &info) { return std::string (info.param.name); });
 
 static const SweepScenario scenarios[] = {
   { .name = "enumerate",

@@ -40,6 +40,9 @@ struct SweepScenario
   XServer::Kind kind = XServer::XVFB;
   std::vector<std::string> arguments = { "-screen", "0", "96x64x24" };
 
+  /* Brings the server to the state that each run begins with. */
+  std::function<void (const SweepStage &)> prepare = {};
+
   /* What must hold on the server after each run, by itself or because of `expect_works`. */
   std::function<void (const SweepStage &)> check = {};
 };
