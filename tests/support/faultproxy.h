@@ -34,7 +34,7 @@ struct XField
   uint32_t value;
 };
 #define X_FIELD(structure, member, value)                                                                              \
-  XField (offsetof (structure, member), sizeof (structure::member), uint32_t (value))
+  (XField{ offsetof (structure, member), sizeof (structure::member), uint32_t (value) })
 
 /* Which requests meet with what. Requests go by their names: those of the core protocol as they are ("GetGeometry"),
  * those of extensions with the usual prefix ("RRCreateMode", "ShmAttach", "DamageCreate", "XFixesFetchRegion",
