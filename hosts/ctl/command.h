@@ -60,6 +60,17 @@ gboolean open_session (GError **error);
 /* Always FALSE, with a CTL_ERROR of EXIT_USAGE. */
 gboolean set_usage_error (GError **error, const gchar *format, ...) G_GNUC_PRINTF (2, 3);
 
+/* While it lives, log lines wait. A terminal on the display can't take them while the server is grabbed, and a full one
+ * would hold up the grab. */
+class LogDelay
+{
+public:
+  LogDelay ();
+  ~LogDelay ();
+  LogDelay (const LogDelay &) = delete;
+  LogDelay &operator= (const LogDelay &) = delete;
+};
+
 /* A main loop that also ends by SIGINT and SIGTERM. */
 class InterruptibleLoop
 {

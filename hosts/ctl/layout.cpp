@@ -87,7 +87,8 @@ request_layout (RyxDisplayLayout *layout, GError **error)
 {
   g_autoptr (GObject) manager
     = G_OBJECT (ryx_host_create (RYX_DISPLAY_LAYOUT_MANAGER_EXTENSION_POINT, nullptr, error, nullptr));
-  const SignalDelay delay;
+  const SignalDelay signal_delay;
+  const LogDelay log_delay;
 
   return manager && ryx_display_layout_manager_request_layout (RYX_DISPLAY_LAYOUT_MANAGER (manager), layout, error);
 }

@@ -13,7 +13,6 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <ryx/displaylayoutmanager.h>
 #include <xcb/randr.h>
 
 #include "cvt.h"
@@ -33,9 +32,6 @@ static const double assumed_dpi = 96.0;
 /* Marks the modes that this module made. They name their output, and serve no other. */
 #define OWN_MODE_SUFFIX "_ryx"
 #define OWN_MODE_FORMAT "%ux%u_%f-%u" OWN_MODE_SUFFIX
-
-G_DECLARE_FINAL_TYPE (RyxDisplayLayoutManagerXrandr, ryx_display_layout_manager_xrandr, RYX,
-                      DISPLAY_LAYOUT_MANAGER_XRANDR, RyxDisplayLayoutManager)
 
 struct _RyxDisplayLayoutManagerXrandr
 {
