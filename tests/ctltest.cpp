@@ -83,6 +83,20 @@ TEST_F (CtlTest, TellsWhatIsWrongAndExitsAccordingly)
     }
 }
 
+TEST_F (CtlTest, FailsWhenItsResultsAreLost)
+{
+  XServer server (XServer::XVFB, { "-screen", "0", "8x8x24" });
+  const std::vector<std::string> rows[] = { { "heads", "--json" }, { "capture", "--png=-" } };
+
+  for (const auto &arguments : rows)
+    {
+      SCOPED_TRACE (arguments[0]);
+      CtlRun run (server.display (), arguments, "/dev/full");
+      EXPECT_EQ (run.status (), 1);
+      EXPECT_TRUE (run.err.starts_with ("ryxctl: Cannot write to standard output")) << run.err;
+    }
+}
+
 TEST_F (CtlTest, ListsImplementationsAndHeads)
 {
   XServer server (XServer::XORG_DUMMY);

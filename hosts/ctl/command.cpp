@@ -1,5 +1,6 @@
 #include "command.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include <gdk/gdk.h>
@@ -118,6 +119,16 @@ open_session (GError **error)
   else
     g_set_error_literal (error, CTL_ERROR, EXIT_UNAVAILABLE,
                          "No display to open: DISPLAY is not set and --display was not given");
+  return FALSE;
+}
+
+gboolean
+flush_standard_output (GError **error)
+{
+  if (fflush (stdout) == 0 && !ferror (stdout))
+    return TRUE;
+
+  g_set_error_literal (error, G_IO_ERROR, G_IO_ERROR_FAILED, "Cannot write to standard output");
   return FALSE;
 }
 

@@ -57,6 +57,9 @@ gboolean load_modules (GError **error);
 /* Also opens the display and makes it GDK's default. */
 gboolean open_session (GError **error);
 
+/* FALSE with @error set when something printed so far was lost. */
+gboolean flush_standard_output (GError **error);
+
 /* Always FALSE, with a CTL_ERROR of EXIT_USAGE. */
 gboolean set_usage_error (GError **error, const gchar *format, ...) G_GNUC_PRINTF (2, 3);
 

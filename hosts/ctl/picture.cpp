@@ -5,6 +5,8 @@
 
 #include <gio/gio.h>
 
+#include "command.h"
+
 static void
 convert_row (const guint8 *source, guint8 *rgb, guint width, guint pixel_size)
 {
@@ -74,7 +76,7 @@ save_png (GdkPixbuf *picture, const gchar *file, GError **error)
   if (!g_str_equal (file, "-"))
     return gdk_pixbuf_save (picture, file, "png", error, nullptr);
   return gdk_pixbuf_save_to_callback (picture, write_to_standard_output, nullptr, "png", error, nullptr)
-         && (fflush (stdout) == 0 || write_to_standard_output ("", 1, error, nullptr));
+         && flush_standard_output (error);
 }
 
 Y4mRecording::~Y4mRecording ()

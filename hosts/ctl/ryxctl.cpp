@@ -106,7 +106,7 @@ main (int, char **arguments)
   setlocale (LC_ALL, "");
   g_log_set_default_handler (print_log, nullptr);
 
-  if (run_command (&argv, &error))
+  if (run_command (&argv, &error) && flush_standard_output (&error))
     return EXIT_DONE;
 
   g_printerr ("ryxctl: %s\n", error->message);

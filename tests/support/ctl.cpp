@@ -11,7 +11,7 @@ append_stream (GInputStream *stream, std::string *text, GMutex *lock)
   char buffer[4096];
   gssize length;
 
-  while ((length = g_input_stream_read (stream, buffer, sizeof buffer, nullptr, nullptr)) > 0)
+  while (stream && (length = g_input_stream_read (stream, buffer, sizeof buffer, nullptr, nullptr)) > 0)
     {
       g_mutex_lock (lock);
       text->append (buffer, length);
@@ -19,10 +19,11 @@ append_stream (GInputStream *stream, std::string *text, GMutex *lock)
     }
 }
 
-CtlRun::CtlRun (const char *display, const std::vector<std::string> &arguments)
+CtlRun::CtlRun (const char *display, const std::vector<std::string> &arguments, const char *output_file)
 {
-  g_autoptr (GSubprocessLauncher) launcher = g_subprocess_launcher_new (
-    static_cast<GSubprocessFlags> (G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_PIPE));
+  const GSubprocessFlags output = output_file ? G_SUBPROCESS_FLAGS_NONE : G_SUBPROCESS_FLAGS_STDOUT_PIPE;
+  g_autoptr (GSubprocessLauncher) launcher
+    = g_subprocess_launcher_new (static_cast<GSubprocessFlags> (output | G_SUBPROCESS_FLAGS_STDERR_PIPE));
   std::vector<const char *> argv = { RYXCTL };
 
   for (const auto &argument : arguments)
@@ -34,6 +35,8 @@ CtlRun::CtlRun (const char *display, const std::vector<std::string> &arguments)
     g_subprocess_launcher_setenv (launcher, "DISPLAY", display, TRUE);
   else
     g_subprocess_launcher_unsetenv (launcher, "DISPLAY");
+  if (output_file)
+    g_subprocess_launcher_set_stdout_file_path (launcher, output_file);
   process = g_subprocess_launcher_spawnv (launcher, argv.data (), nullptr);
   reader = g_thread_new ("ryxctl output", read_all, this);
 }

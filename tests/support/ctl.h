@@ -9,8 +9,8 @@
 class CtlRun
 {
 public:
-  /* `display` NULL: none is named. */
-  CtlRun (const char *display, const std::vector<std::string> &arguments);
+  /* `display` NULL: none is named. `output_file` NULL: standard output goes to `out`. */
+  CtlRun (const char *display, const std::vector<std::string> &arguments, const char *output_file = nullptr);
   ~CtlRun ();
   CtlRun (const CtlRun &) = delete;
 
