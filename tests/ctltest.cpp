@@ -1,10 +1,11 @@
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include <gdk-pixbuf/gdk-pixbuf.h>
-#include <glib/gstdio.h>
 #include <gtest/gtest.h>
 #include <json-glib/json-glib.h>
+#include <xcb/randr.h>
 
 #include "capture.h"
 #include "ctl.h"
@@ -16,21 +17,18 @@ protected:
   CtlTest () : directory (g_dir_make_tmp ("ryxctl-XXXXXX", nullptr)) {}
   ~CtlTest () override
   {
-    for (const auto &file : files)
-      g_unlink (file.c_str ());
-    g_rmdir (directory);
+    std::error_code error;
+    std::filesystem::remove_all (directory, error);
     g_free (directory);
   }
 
   std::string
   file (const char *name)
   {
-    files.push_back (std::string (directory) + "/" + name);
-    return files.back ();
+    return std::string (directory) + "/" + name;
   }
 
   gchar *directory;
-  std::vector<std::string> files;
 };
 
 struct UsageCase
@@ -166,12 +164,30 @@ TEST_F (CtlTest, EndsWithItsSummaryWhenInterruptedOnAnIdleScreen)
 {
   XServer server (XServer::XVFB);
   const std::string png = file ("0.png");
-  CtlRun run (server.display (), { "capture", "--seconds=1000", "--png", std::string (directory) + "/%d.png" });
+  CtlRun run (server.display (), { "capture", "--seconds=1000", "--png", file ("%d.png") });
 
   ASSERT_TRUE (wait_until ([&] { return g_file_test (png.c_str (), G_FILE_TEST_EXISTS); }));
   run.interrupt ();
   EXPECT_EQ (run.status (), 0) << run.err;
   EXPECT_TRUE (run.out.starts_with ("1 frame of 1280x1024 in ")) << run.out;
+}
+
+TEST_F (CtlTest, GoesOnAfterAResizeButKeepsARecordingOfWhatWasBefore)
+{
+  XServer server (XServer::XORG_DUMMY);
+  XcbClient client (server.display ());
+  const std::string png = file ("0.png"), y4m = file ("screen.y4m");
+  CtlRun run (server.display (), { "capture", "--png", file ("%d.png"), "--y4m", y4m });
+
+  ASSERT_TRUE (wait_until ([&] { return g_file_test (png.c_str (), G_FILE_TEST_EXISTS); }));
+  const auto resources = X_REPLY (client.conn, randr_get_screen_resources, client.root);
+  xcb_randr_set_crtc_config_unchecked (client.conn, xcb_randr_get_screen_resources_crtcs (resources.get ())[1], 0, 0, 0,
+                                       0, XCB_NONE, XCB_RANDR_ROTATION_ROTATE_0, 0, nullptr);
+  xcb_randr_set_screen_size (client.conn, client.root, 1280, 1024, 339, 271);
+  ASSERT_TRUE (client.round_trip ());
+  EXPECT_EQ (run.status (), 1);
+  EXPECT_NE (run.err.find ("The picture changed from 2560x1024 to 1280x1024"), std::string::npos) << run.err;
+  EXPECT_GT (std::filesystem::file_size (y4m), 3u * 2560 * 1024);
 }
 
 TEST_F (CtlTest, PrintsALinePerChangeOfTheCursor)

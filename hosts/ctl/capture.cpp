@@ -174,7 +174,12 @@ public:
 
     wait_for_end ();
     const gint64 end_time = g_get_monotonic_time ();
-    if (!capture->stop (error) || (arguments->y4m && !recording.finish (end_time, error)))
+    const gboolean is_captured = capture->stop (error);
+
+    /* A capture that failed leaves a recording too, of all that was on the screen until then. */
+    if (arguments->y4m && !recording.finish (end_time, is_captured ? error : nullptr))
+      return FALSE;
+    if (!is_captured)
       return FALSE;
 
     print_summary ((end_time - start_time) / 1e6);
