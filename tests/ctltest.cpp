@@ -9,6 +9,7 @@
 
 #include "capture.h"
 #include "ctl.h"
+#include "faultproxy.h"
 
 /* A directory of its own, gone with the test. */
 class CtlTest : public testing::Test
@@ -170,6 +171,18 @@ TEST_F (CtlTest, EndsWithItsSummaryWhenInterruptedOnAnIdleScreen)
   run.interrupt ();
   EXPECT_EQ (run.status (), 0) << run.err;
   EXPECT_TRUE (run.out.starts_with ("1 frame of 1280x1024 in ")) << run.out;
+}
+
+TEST_F (CtlTest, StartsNoCaptureThatItCouldNotStop)
+{
+  XServer server (XServer::XVFB);
+  FaultProxy proxy (server);
+
+  /* After GDK's connection and the reader's: the one that would wake the reader. */
+  proxy.add ({ .request = "Setup", .nth = 3, .error = XCB_ALLOC });
+  CtlRun run (proxy.display (), { "capture", "--png", file ("%d.png"), "--seconds=5" });
+  EXPECT_EQ (run.status (), 1);
+  EXPECT_TRUE (run.err.ends_with ("ryxctl: Cannot open a second connection to the display\n")) << run.err;
 }
 
 TEST_F (CtlTest, GoesOnAfterAResizeButKeepsARecordingOfWhatWasBefore)

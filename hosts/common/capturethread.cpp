@@ -30,11 +30,17 @@ CaptureThread::start (const CaptureOptions &options, Handlers handlers, GError *
   if (!ryx_frame_buffer_reader_setup (reader, error))
     return nullptr;
 
-  /* Without damage no reader waits, and nobody needs to be woken. */
-  g_autoptr (GError) no_damage = nullptr;
-  capture->waker = ReaderWaker::connect (&no_damage);
+  /* Without damage no reader waits, and nobody needs to be woken. A waker that is missing for another reason
+   * would leave a reader that can't be stopped. */
+  g_autoptr (GError) waker_error = nullptr;
+  capture->waker = ReaderWaker::connect (&waker_error);
+  if (!capture->waker && !g_error_matches (waker_error, G_IO_ERROR, G_IO_ERROR_NOT_SUPPORTED))
+    {
+      g_propagate_error (error, g_steal_pointer (&waker_error));
+      return nullptr;
+    }
   if (!capture->waker)
-    g_debug ("No reader will be woken: %s", no_damage->message);
+    g_debug ("No reader will be woken: %s", waker_error->message);
 
   g_source_set_callback (
     capture->ended_source,

@@ -10,7 +10,7 @@ class ReaderWaker
 {
 public:
   /* Connects to the display that $DISPLAY names, over a connection of its own; NULL with @error set when that
-   * fails or the display can't report damage (then no reader waits for any). */
+   * fails, with G_IO_ERROR_NOT_SUPPORTED when the display can't report damage (then no reader waits for any). */
   static std::unique_ptr<ReaderWaker> connect (GError **error);
   ~ReaderWaker ();
   ReaderWaker (const ReaderWaker &) = delete;
