@@ -425,7 +425,7 @@ attach_segment (RyxFrameBufferReaderXcb *reader, GError **error)
 
   SegmentRemoval removal (id);
   void *address = shmat (id, nullptr, 0);
-  const gboolean is_attached_here = address != reinterpret_cast<void *> (-1);
+  const gboolean is_attached_here = reinterpret_cast<gintptr> (address) != -1;
 
   if (await_check (reader->conn, xcb_shm_attach_checked (reader->conn, reader->shm_segment, id, FALSE))
       || xcb_connection_has_error (reader->conn))

@@ -1,5 +1,4 @@
-#include "x11module.h"
-
+#include <gio/gio.h>
 #include <ryx/ryx.h>
 
 #include "displayenumeratorxrandr.h"
@@ -33,7 +32,9 @@ static const gchar *const extension_points[] = {
   RYX_POINTER_MONITOR_EXTENSION_POINT,        nullptr,
 };
 
-void
+/* The three functions that GIO looks for in the module and declares; nothing else is exported. */
+
+G_MODULE_EXPORT void
 g_io_module_load (GIOModule *module)
 {
   /* Never released: types and classes of the module stay for the life of the process. */
@@ -47,13 +48,13 @@ g_io_module_load (GIOModule *module)
     }
 }
 
-void
+G_MODULE_EXPORT void
 g_io_module_unload (GIOModule *)
 {
   g_assert_not_reached ();
 }
 
-gchar **
+G_MODULE_EXPORT gchar **
 g_io_module_query (void)
 {
   return g_strdupv (const_cast<gchar **> (extension_points));
