@@ -163,12 +163,18 @@ blocks_of (RyxCapturedFrame *frame)
 }
 
 unsigned
-count_segments ()
+count_segments (pid_t creator)
 {
   std::ifstream segments ("/proc/sysvipc/shm");
-  unsigned lines = 0;
+  unsigned n_segments = 0;
+  std::string line;
 
-  for (std::string line; std::getline (segments, line);)
-    lines++;
-  return lines;
+  std::getline (segments, line); /* the columns' names */
+  while (std::getline (segments, line))
+    {
+      pid_t maker = 0;
+      EXPECT_EQ (sscanf (line.c_str (), "%*d %*d %*o %*u %d", &maker), 1) << line;
+      n_segments += maker == creator;
+    }
+  return n_segments;
 }

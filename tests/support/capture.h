@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include <ryx/ryx.h>
 
 #include "xserver.h"
@@ -86,5 +88,5 @@ std::vector<uint8_t> pixels_of (RyxCapturedFrame *frame);
 /* The marked blocks as "column,row column,row …". */
 std::string blocks_of (RyxCapturedFrame *frame);
 
-/* System V segments that this machine holds now. */
-unsigned count_segments ();
+/* System V segments made by that process that are still there. Other programs make and drop theirs meanwhile. */
+unsigned count_segments (pid_t creator = getpid ());
