@@ -158,6 +158,24 @@ struct ReaderCase
 
 static const char plain_story[] = "whole; 2";
 
+/* Of the pixmap format for depth 24. */
+static void
+set_bits_per_pixel (Bytes &reply, uint8_t bits)
+{
+  auto *setup = as<xcb_setup_t> (reply.data ());
+
+  for (int i = 0; i < xcb_setup_pixmap_formats_length (setup); i++)
+    if (xcb_setup_pixmap_formats (setup)[i].depth == 24)
+      xcb_setup_pixmap_formats (setup)[i].bits_per_pixel = bits;
+}
+
+static xcb_randr_output_t
+first_output (const XcbClient &client)
+{
+  const auto resources = X_REPLY (client.conn, randr_get_screen_resources, client.root);
+  return *xcb_randr_get_screen_resources_outputs (resources.get ());
+}
+
 static const ReaderCase reader_cases[] = {
   { "randr_1_1", { old_version ("RRQueryVersion") }, plain_story, "RandR version is too old (1.1, 1.2 required)" },
   { "no_randr_version", { failing ("RRQueryVersion", XCB_ALLOC) }, plain_story, "Failed to get RandR version" },
@@ -211,7 +229,13 @@ static const ReaderCase reader_cases[] = {
     { failing ("ShmAttach", XCB_ACCESS), failing ("GetImage", XCB_ALLOC, 1) },
     "SHM_FAILED: Failed to attach shared memory; FAILED: Failed to get image (response_type: 0 error_code: 11); whole; "
     "2" },
+  { "no_resources", { failing ("RRGetScreenResources", XCB_ALLOC) }, plain_story, "screen test (0,0 96x64 - depth 24" },
+  { "no_crtc_info", { failing ("RRGetCrtcInfo", XCB_VALUE) }, plain_story, "screen test (0,0 96x64 - depth 24" },
+  { "no_output_info", { failing ("RRGetOutputInfo", XCB_VALUE) }, plain_story, "screen test (0,0 96x64 - depth 24" },
   { "no_geometry", { failing ("GetGeometry", XCB_DRAWABLE, 1) }, "FAILED_SETUP: Unsupported depth 0" },
+  { "pixels_of_two_bytes",
+    { { .request = "Setup", .edit = [] (Bytes &reply) { set_bits_per_pixel (reply, 16); } } },
+    "FAILED_SETUP: Unsupported bpp 16" },
   { "no_format_for_depth",
     { { .request = "GetGeometry", .patch = { X_FIELD (xcb_get_geometry_reply_t, depth, 29) } } },
     "FAILED_SETUP: Unable to get format for depth" },
@@ -221,6 +245,7 @@ TEST (ReaderFaultTest, FallsBackAndTellsTheHostWhatToDo)
 {
   XServer server (XServer::XVFB, { "-screen", "0", "96x64x24" });
   Painter painter (server.display ());
+  const xcb_randr_output_t output = first_output (painter); /* shows the whole screen */
 
   for (const auto &row : reader_cases)
     {
@@ -235,11 +260,60 @@ TEST (ReaderFaultTest, FallsBackAndTellsTheHostWhatToDo)
         proxy.add (rule);
 
       painter.fill (0, 0, 96, 64, 0x102030);
-      TestReader reader (proxy.display ());
+      TestReader reader (proxy.display (), output);
       EXPECT_EQ (use_reader (reader, painter), row.story);
       EXPECT_TRUE (!row.line || log.contains (domain, G_LOG_LEVEL_WARNING, row.line)
                    || log.contains (domain, G_LOG_LEVEL_INFO, row.line))
         << log.dump ();
+    }
+}
+
+TEST (ReaderFaultTest, TakesAnAreaThatBeginsLeftOfTheScreen)
+{
+  XServer server (XServer::XVFB, { "-screen", "0", "96x64x24" });
+  FaultProxy proxy (server);
+  Painter painter (server.display ());
+  TestReader reader (proxy.display (), first_output (painter));
+
+  painter.fill_with_noise ();
+  proxy.add (moved_crtc (0, -32, 16));
+  ASSERT_TRUE (reader.setup () && reader.configure ()) << reader.failure;
+  for (const char *blocks : { "", "2,0" })
+    {
+      const Frame frame = reader.grab_change ();
+      ASSERT_TRUE (frame) << reader.failure;
+      EXPECT_TRUE (!*blocks || blocks_of (frame.get ()) == blocks) << blocks_of (frame.get ());
+
+      /* What lies on the screen: 64 columns behind 32 others, and all but 16 rows. */
+      const std::vector<uint8_t> pixels = pixels_of (frame.get ()), seen = painter.image (0, 16, 64, 48);
+      for (int y = 0; y < 48; y++)
+        EXPECT_EQ (memcmp (&pixels[(y * 96 + 32) * 4], &seen[y * 64 * 4], 64 * 4), 0) << "row " << y;
+      painter.fill (0, 20, 3, 3, 0x654321);
+    }
+}
+
+TEST (ReaderFaultTest, GoesOnWithoutSharedMemoryInAnAreaWithoutPixels)
+{
+  static const XField extents[]
+    = { X_FIELD (xcb_randr_get_crtc_info_reply_t, width, 0), X_FIELD (xcb_randr_get_crtc_info_reply_t, height, 0) };
+  XServer server (XServer::XVFB, { "-screen", "0", "96x64x24" });
+  FaultProxy proxy (server);
+  const xcb_randr_output_t output = first_output (XcbClient (server.display ()));
+
+  for (const XField &extent : extents)
+    {
+      LogRecorder log;
+      proxy.clear ();
+      proxy.add ({ .request = "RRGetCrtcInfo", .patch = { extent } });
+      TestReader reader (proxy.display (), output);
+
+      EXPECT_FALSE (reader.setup () && reader.configure ());
+      EXPECT_TRUE (reader.failure.starts_with ("SHM_FAILED: Failed to get shared memory: ")) << reader.failure;
+      ASSERT_TRUE (reader.configure ()) << reader.failure;
+      const Frame frame = reader.grab ();
+      ASSERT_TRUE (frame) << reader.failure;
+      EXPECT_TRUE (pixels_of (frame.get ()).empty () && blocks_of (frame.get ()).empty ());
+      EXPECT_FALSE (log.contains (nullptr, G_LOG_LEVEL_CRITICAL, "")) << log.dump ();
     }
 }
 
@@ -321,12 +395,7 @@ protected:
 
   PackedPixelsTest ()
   {
-    proxy.add ({ .request = "Setup", .edit = [] (Bytes &reply) {
-                  auto *setup = as<xcb_setup_t> (reply.data ());
-                  for (int i = 0; i < xcb_setup_pixmap_formats_length (setup); i++)
-                    if (xcb_setup_pixmap_formats (setup)[i].depth == 24)
-                      xcb_setup_pixmap_formats (setup)[i].bits_per_pixel = 24;
-                } });
+    proxy.add ({ .request = "Setup", .edit = [] (Bytes &reply) { set_bits_per_pixel (reply, 24); } });
     proxy.add ({ .request = "ShmAttach", .when = [this] (const Bytes &request) {
                   segment = static_cast<uint8_t *> (
                     shmat (as<xcb_shm_attach_request_t> (request.data ())->shmid, nullptr, 0));

@@ -700,10 +700,11 @@ grab_shm_image (RyxFrameBufferReaderXcb *reader, GError **error)
 static gboolean
 ensure_framebuffer (RyxFrameBufferReaderXcb *reader, gsize needed, GError **error)
 {
-  if (needed <= reader->framebuffer_size)
+  if (reader->framebuffer && needed <= reader->framebuffer_size)
     return TRUE;
 
-  auto *grown = static_cast<guint8 *> (g_try_realloc (reader->framebuffer, needed));
+  /* An area without pixels has a buffer too: no memory at all would look like a failure. */
+  auto *grown = static_cast<guint8 *> (g_try_realloc (reader->framebuffer, MAX (needed, 1)));
   if (!grown)
     {
       g_set_error_literal (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_FAILED,
