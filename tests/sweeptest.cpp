@@ -3,6 +3,7 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <xcb/randr.h>
 
 #include "layout.h"
 #include "sweep.h"
@@ -11,7 +12,10 @@
 class ReaderSubject : public SweepSubject
 {
 public:
-  explicit ReaderSubject (const SweepStage &sweep_stage) : stage (sweep_stage), reader (sweep_stage.display) {}
+  explicit ReaderSubject (const SweepStage &sweep_stage, guint32 output_id = 0)
+      : stage (sweep_stage), reader (sweep_stage.display, output_id)
+  {
+  }
 
   void
   use () override
@@ -79,6 +83,21 @@ private:
   uint32_t colour = 0;
 };
 
+/* Looks for the output that shows the whole screen. */
+class OutputReaderSubject : public ReaderSubject
+{
+public:
+  explicit OutputReaderSubject (const SweepStage &stage) : ReaderSubject (stage, find_output (stage.painter)) {}
+
+private:
+  static xcb_randr_output_t
+  find_output (const XcbClient &client)
+  {
+    const auto resources = X_REPLY (client.conn, randr_get_screen_resources, client.root);
+    return *xcb_randr_get_screen_resources_outputs (resources.get ());
+  }
+};
+
 class EnumeratorSubject : public SweepSubject
 {
 public:
@@ -137,6 +156,7 @@ struct ReaderCase
 
 static const ReaderCase reader_cases[] = {
   { TRUE, TRUE, { "damage_into_shared_pixmap", make<ReaderSubject> } },
+  { TRUE, TRUE, { "damage_of_one_output", make<OutputReaderSubject> } },
   { TRUE, FALSE, { "damage_by_shm_image", make<ReaderSubject> } },
   { TRUE, TRUE, { .name = "damage_by_image", .make = make<ReaderSubject>, .arguments = without_shm } },
   { FALSE, TRUE, { "comparison_of_shared_pixmap", make<ReaderSubject> } },
