@@ -209,8 +209,8 @@ private:
     if (arguments->png)
       {
         g_autofree gchar *file = format_file_name (arguments->png, number);
-        g_autoptr (GdkPixbuf) picture = make_picture (frame, arguments->map);
-        if (!save_png (picture, file, error))
+        g_autoptr (GdkPixbuf) picture = make_picture (frame, arguments->map, error);
+        if (!picture || !save_png (picture, file, error))
           return FALSE;
       }
     if (arguments->y4m && !recording.add (frame, error))

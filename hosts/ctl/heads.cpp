@@ -102,6 +102,10 @@ struct LayoutWatch
   void
   look ()
   {
+    /* One change may be signalled twice before the loop ends. */
+    if (failure)
+      return;
+
     g_autoptr (RyxDisplayLayout) layout = get_layout (&failure);
     if (!layout)
       {

@@ -39,12 +39,18 @@ tint (GdkPixbuf *picture, const RyxRect *rect)
 }
 
 GdkPixbuf *
-make_picture (RyxCapturedFrame *frame, gboolean show_map)
+make_picture (RyxCapturedFrame *frame, gboolean show_map, GError **error)
 {
   RyxFrameData *data = ryx_captured_frame_get_frame_data (frame);
   const guint width = ryx_frame_data_get_width (data), height = ryx_frame_data_get_height (data);
   const guint8 *source = ryx_frame_data_get_data (data);
   GdkPixbuf *picture = gdk_pixbuf_new (GDK_COLORSPACE_RGB, FALSE, 8, width, height);
+
+  if (!picture)
+    {
+      g_set_error (error, G_IO_ERROR, G_IO_ERROR_FAILED, "No memory for a picture of %ux%u", width, height);
+      return nullptr;
+    }
 
   for (guint y = 0; y < height; y++)
     convert_row (source + y * ryx_frame_data_get_stride (data),

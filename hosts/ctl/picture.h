@@ -6,8 +6,9 @@
 #include <gdk-pixbuf/gdk-pixbuf.h>
 #include <ryx/ryx.h>
 
-/* The frame's pixels, new. With @show_map the changed blocks are tinted. */
-GdkPixbuf *make_picture (RyxCapturedFrame *frame, gboolean show_map);
+/* The frame's pixels, new. With @show_map the changed blocks are tinted. NULL with @error set when there is no memory
+ * for them. */
+GdkPixbuf *make_picture (RyxCapturedFrame *frame, gboolean show_map, GError **error);
 
 /* Writes a PNG to the file, or to standard output when it is "-". */
 gboolean save_png (GdkPixbuf *picture, const gchar *file, GError **error);
