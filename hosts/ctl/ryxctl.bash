@@ -2,13 +2,16 @@
 
 _ryxctl ()
 {
-  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]} command= word
+  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]} command='' word before=''
 
+  # A display's name comes in several words: colons part words here.
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-    case $word in
-      -*) ;;
-      *) command=$word; break ;;
+    case $before$word in
+      --module-dir?*) ;;
+      [a-z]*) command=$word; break ;;
     esac
+    before=''
+    [[ $word != --module-dir && $word != = ]] || before=--module-dir
   done
 
   case $previous in
