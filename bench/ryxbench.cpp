@@ -107,13 +107,13 @@ measure_comparison (benchmark::State &state, const Pixels &a, const Pixels &b)
   const auto block_size = static_cast<guint32> (state.range (2));
 
   measure_in_turns (
-      state, [&] { benchmark::DoNotOptimize (memcmp (a.get (), equal.get (), size.bytes ())); },
-      [&] {
-        guint32 n_changed;
-        g_autoptr (RyxDiffmap) diffmap = ryx_diffmap_new_from_images (
-            a.get (), b.get (), size.width, size.height, size.stride (), size.stride (), block_size, &n_changed);
-        benchmark::DoNotOptimize (n_changed);
-      });
+    state, [&] { benchmark::DoNotOptimize (memcmp (a.get (), equal.get (), size.bytes ())); },
+    [&] {
+      guint32 n_changed;
+      g_autoptr (RyxDiffmap) diffmap = ryx_diffmap_new_from_images (
+        a.get (), b.get (), size.width, size.height, size.stride (), size.stride (), block_size, &n_changed);
+      benchmark::DoNotOptimize (n_changed);
+    });
 }
 
 static void
@@ -149,14 +149,14 @@ copy_frame (benchmark::State &state)
   gsize plain_turn = 0, our_turn = 0;
 
   measure_in_turns (
-      state, [&] { memcpy (targets[plain_turn++ % N_ROTATING].get (), source.get (), size.bytes ()); },
-      [&] {
-        RyxFrameData *&frame = frames[our_turn++ % N_ROTATING];
+    state, [&] { memcpy (targets[plain_turn++ % N_ROTATING].get (), source.get (), size.bytes ()); },
+    [&] {
+      RyxFrameData *&frame = frames[our_turn++ % N_ROTATING];
 
-        g_clear_pointer (&frame, ryx_frame_data_unref);
-        frame = ryx_frame_data_new_with_stride (allocator, source.get (), size.width * PIXEL_SIZE, size.width,
-                                                size.height, RYX_PIXEL_FORMAT_BGRA);
-      });
+      g_clear_pointer (&frame, ryx_frame_data_unref);
+      frame = ryx_frame_data_new_with_stride (allocator, source.get (), size.width * PIXEL_SIZE, size.width,
+                                              size.height, RYX_PIXEL_FORMAT_BGRA);
+    });
 
   for (RyxFrameData *&frame : frames)
     g_clear_pointer (&frame, ryx_frame_data_unref);

@@ -133,7 +133,7 @@ TEST_P (CaptureMeansTest, AsksForConfigurationWhenTheScreenIsResized)
                                        0, XCB_NONE, XCB_RANDR_ROTATION_ROTATE_0, 0, nullptr);
   xcb_randr_set_screen_size (painter.conn, painter.root, 320, 200, 85, 53);
   ASSERT_TRUE (painter.round_trip ());
-  EXPECT_FALSE (reader.grab ());
+  EXPECT_FALSE (reader.grab_change ());
   EXPECT_EQ (reader.failure, "NEEDS_RECONFIGURE: Root window reconfigured");
 
   painter.fill (0, 0, 320, 200, 0x335577);

@@ -87,11 +87,15 @@ configure (RyxFrameBufferReader *reader, GError **error)
   return ryx_frame_buffer_reader_configure (reader, error);
 }
 
+/* A screen that changes all the time asks for a configuration now and then; one that never gives a frame is broken. */
+static constexpr guint MAX_CONFIGURATIONS_IN_A_ROW = 50;
+
 /* Returns FALSE when the capture ended by itself, with @error set if that was a failure. */
 gboolean
 CaptureThread::capture (GError **error)
 {
   gboolean needs_configuration = TRUE;
+  guint n_configurations = 0; /* since the last frame */
 
   while (!stopping)
     {
@@ -104,12 +108,13 @@ CaptureThread::capture (GError **error)
         break;
       if (frame)
         {
+          n_configurations = 0;
           if (!handlers.frame (frame, error))
             return FALSE;
           continue;
         }
 
-      needs_configuration = asks_for_configuration (grab_error);
+      needs_configuration = asks_for_configuration (grab_error) && n_configurations++ < MAX_CONFIGURATIONS_IN_A_ROW;
       if (!needs_configuration
           && !g_error_matches (grab_error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_EMPTY_FRAME))
         {

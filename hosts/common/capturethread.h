@@ -19,7 +19,8 @@ struct CaptureOptions
 };
 
 /* A reader in a thread of its own. It configures the reader again by itself whenever a grab or a configuration
- * asks for it, and can be stopped at any time, also while the reader waits for something to be drawn. */
+ * asks for it, gives up when that never leads to a frame, and can be stopped at any time, also while the reader waits
+ * for something to be drawn. */
 class CaptureThread
 {
 public:

@@ -73,6 +73,8 @@ check_arguments (const CaptureArguments *arguments, GError **error)
                             arguments->seconds);
   if (arguments->png && arguments->frames != 1 && !has_frame_number (arguments->png))
     return set_usage_error (error, "capture: for more than one frame, --png needs a %%d for the frame's number");
+  if (arguments->map && !arguments->png)
+    return set_usage_error (error, "capture: --map tints pictures; name them with --png");
   if (g_strcmp0 (arguments->png, "-") == 0 && g_strcmp0 (arguments->y4m, "-") == 0)
     return set_usage_error (error, "capture: --png and --y4m can't both be standard output");
   return TRUE;

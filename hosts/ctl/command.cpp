@@ -1,6 +1,7 @@
 #include "command.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include <gdk/gdk.h>
@@ -45,6 +46,12 @@ make_global_option_group (void)
   return group;
 }
 
+void
+print_version ()
+{
+  g_print ("ryxctl " RYX_VERSION "\n");
+}
+
 gboolean
 parse_options (const Command *command, const GOptionEntry *entries, gchar ***argv, GError **error)
 {
@@ -61,6 +68,11 @@ parse_options (const Command *command, const GOptionEntry *entries, gchar ***arg
 
   if (!g_option_context_parse_strv (context, argv, &parse_error))
     return set_usage_error (error, "%s: %s", command->name, parse_error->message);
+  if (global_options.version)
+    {
+      print_version ();
+      exit (EXIT_DONE);
+    }
   if ((*argv)[1] && g_str_equal ((*argv)[1], "--"))
     {
       g_free ((*argv)[1]);

@@ -41,8 +41,10 @@ struct Command
   gboolean (*run) (const Command *command, gchar ***argv, GError **error);
 };
 
-/* Takes the command's and the global options out of @argv; what is left follows (*argv)[0]. `--help` prints the
- * command's help and ends the program. */
+void print_version ();
+
+/* Takes the command's and the global options out of @argv; what is left follows (*argv)[0]. `--help` and
+ * `--version` print theirs and end the program. */
 gboolean parse_options (const Command *command, const GOptionEntry *entries, gchar ***argv, GError **error);
 
 /* The same for a command that takes options only: FALSE when words are left. */

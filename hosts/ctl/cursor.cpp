@@ -45,7 +45,7 @@ make_cursor_picture (RyxCursor *cursor)
   const auto *argb = static_cast<const guint8 *> (g_bytes_get_data (ryx_cursor_get_pixels (cursor), nullptr));
   GdkPixbuf *picture = gdk_pixbuf_new (GDK_COLORSPACE_RGB, TRUE, 8, width, height);
 
-  for (guint y = 0; y < height; y++)
+  for (guint y = 0; picture && y < height; y++)
     {
       guchar *rgba = gdk_pixbuf_get_pixels (picture) + static_cast<gsize> (y) * gdk_pixbuf_get_rowstride (picture);
 
@@ -144,6 +144,12 @@ private:
   write_picture (RyxCursor *cursor)
   {
     g_autoptr (GdkPixbuf) picture = make_cursor_picture (cursor);
+    if (!picture)
+      {
+        g_set_error (&failure, G_IO_ERROR, G_IO_ERROR_FAILED, "There is no memory for a picture of %ux%u",
+                     ryx_cursor_get_width (cursor), ryx_cursor_get_height (cursor));
+        return FALSE;
+      }
     return save_png (picture, png, &failure);
   }
 

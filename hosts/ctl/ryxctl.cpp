@@ -81,7 +81,7 @@ run_command (gchar ***argv, GError **error)
     return set_usage_error (error, "%s", parse_error->message);
   if (global_options.version)
     {
-      g_print ("ryxctl " RYX_VERSION "\n");
+      print_version ();
       return TRUE;
     }
 
