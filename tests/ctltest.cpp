@@ -10,6 +10,7 @@
 #include "capture.h"
 #include "ctl.h"
 #include "faultproxy.h"
+#include "faultproxy.h"
 
 /* A directory of its own, gone with the test. */
 class CtlTest : public testing::Test
@@ -217,4 +218,15 @@ TEST_F (CtlTest, PrintsALinePerChangeOfTheCursor)
   watch.interrupt ();
   EXPECT_EQ (watch.status (), 0) << watch.err;
   EXPECT_EQ (std::count (watch.out.begin (), watch.out.end (), '\n'), 3) << watch.out;
+}
+
+TEST_F (CtlTest, GivesUpOnAServerThatNeverGivesAFrame)
+{
+  XServer server (XServer::XVFB);
+  FaultProxy proxy (server.display ());
+  proxy.add ({ .request = "CopyArea", .error = XCB_ALLOC });
+
+  CtlRun run (proxy.display (), { "capture" });
+  EXPECT_EQ (run.status (), 1);
+  EXPECT_EQ (run.err, "ryxctl: Failed to copy area (response_type: 0 error_code: 11)\n");
 }
