@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 
 #include "xserver.h"
 
@@ -63,7 +64,8 @@ CtlRun::read_all (gpointer data)
 void
 CtlRun::interrupt ()
 {
-  g_subprocess_send_signal (process, SIGINT);
+  /* g_subprocess_send_signal () leaves it to another thread, for some time later. */
+  kill (atoi (g_subprocess_get_identifier (process)), SIGINT);
 }
 
 int
