@@ -33,27 +33,46 @@ public:
   ServerGrab &operator= (const ServerGrab &) = delete;
 };
 
-/* Brackets Xlib calls: their X errors are taken by pop (), or let go with the guard. */
+/* Brackets Xlib calls: their X errors are taken by pop (), or let go with the guard. Traps nest.
+ *
+ * GDK's own trap takes the errors that have arrived when it is popped, but those of requests without a reply arrive
+ * later, outside of it, and end the process. So the outermost trap waits for the server while requests are unanswered.
+ * The inner ones don't wait: what their last requests met with shows in the trap around them. */
 class ErrorTrap
 {
 public:
-  ErrorTrap () { gdk_error_trap_push (); }
+  ErrorTrap ()
+  {
+    depth++;
+    gdk_error_trap_push ();
+  }
   ~ErrorTrap ()
   {
     if (!popped)
-      gdk_error_trap_pop ();
+      pop ();
   }
   ErrorTrap (const ErrorTrap &) = delete;
   ErrorTrap &operator= (const ErrorTrap &) = delete;
 
-  /* The X error code of the bracketed requests, 0 for none. Waits for the server. */
+  /* The code of an X error that arrived since the trap was set, 0 for none. */
   int
   pop ()
   {
     popped = true;
+    if (--depth == 0)
+      await_answers ();
     return gdk_error_trap_pop ();
   }
 
 private:
+  static void
+  await_answers ()
+  {
+    Display *xdisplay = get_default_xdisplay ();
+    if (xdisplay && XLastKnownRequestProcessed (xdisplay) + 1 != XNextRequest (xdisplay))
+      XSync (xdisplay, False);
+  }
+
+  inline static unsigned depth = 0;
   bool popped = false;
 };

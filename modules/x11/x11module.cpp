@@ -4,6 +4,7 @@
 #include "displayenumeratorxrandr.h"
 #include "displaylayoutmanagerxrandr.h"
 #include "framebufferreaderxcb.h"
+#include "inputinjectorx11.h"
 #include "pointermonitorxcb.h"
 
 struct Implementation
@@ -22,6 +23,8 @@ static const Implementation implementations[] = {
     RYX_DISPLAY_ENUMERATOR_EXTENSION_POINT, "displayenumeratorxrandr", 200 },
   { ryx_frame_buffer_reader_xcb_register, ryx_frame_buffer_reader_xcb_get_type, RYX_FRAME_BUFFER_READER_EXTENSION_POINT,
     "fbreaderxcb", 100 },
+  { ryx_input_injector_x11_register, ryx_input_injector_x11_get_type, RYX_INPUT_INJECTOR_EXTENSION_POINT,
+    "inputinjectorx11", 200 },
   { ryx_pointer_monitor_xcb_register, ryx_pointer_monitor_xcb_get_type, RYX_POINTER_MONITOR_EXTENSION_POINT,
     "pointermonitorxcb", 200 },
 };
