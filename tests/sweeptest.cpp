@@ -3,8 +3,10 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <gdk/gdkx.h>
 #include <xcb/randr.h>
 
+#include "inputobserver.h"
 #include "layout.h"
 #include "sweep.h"
 
@@ -260,12 +262,69 @@ TEST_P (LayoutSweep, LeavesOneLayoutWholeWhicheverRequestFails)
 INSTANTIATE_TEST_SUITE_P (Of, LayoutSweep, testing::ValuesIn (layout_changes),
                           [] (const auto &info) { return std::string (info.param.name); });
 
+/* Holds a special key, types, clicks, and goes. Nothing may be down then, unless the connection was cut. */
+class InjectorSubject : public SweepSubject
+{
+public:
+  InjectorSubject (const SweepStage &sweep_stage, const char *held_key, const char *typed)
+      : stage (sweep_stage), held (held_key), text (typed)
+  {
+  }
+
+  void
+  use () override
+  {
+    ryx_input_injector_channel_connected (injector.get (), 1);
+    ryx_input_injector_special_key_event (injector.get (), held, RYX_INPUT_INJECTOR_KEY_LOCATION_LEFT, TRUE);
+    type (injector, text, RYX_INPUT_INJECTOR_KEY_LOCATION_NUMPAD);
+    for (bool down : { true, false })
+      ryx_input_injector_button_event (injector.get (), 1, down);
+    ryx_input_injector_special_key_event (injector.get (), held, RYX_INPUT_INJECTOR_KEY_LOCATION_LEFT, FALSE);
+    ryx_input_injector_channel_disconnected (injector.get (), 1);
+
+    /* What was added to the keymap is missing again next time. */
+    KeySym none = NoSymbol;
+    gdk_error_trap_push ();
+    XChangeKeyboardMapping (gdk_x11_get_default_xdisplay (), 93, 1, &none, 1);
+    settle ();
+    gdk_error_trap_pop ();
+  }
+
+  void
+  expect_works () override
+  {
+    EXPECT_TRUE (wait_until ([this] {
+      const auto keyboard = X_REPLY (stage.painter.conn, query_keymap);
+      const auto pointer = X_REPLY (stage.painter.conn, query_pointer, stage.painter.root);
+      return pointer->mask == 0 && std::count (keyboard->keys, keyboard->keys + 32, 0) == 32;
+    }))
+      << "something is down";
+    use ();
+  }
+
+private:
+  const SweepStage stage;
+  const char *const held, *const text;
+  const TestInjector injector = create_injector ();
+};
+
+static SweepScenario
+inject (const char *name, const char *held, const char *text)
+{
+  return { .name = name,
+           .make = [=] (const SweepStage &stage) { return std::make_unique<InjectorSubject> (stage, held, text); },
+           .on_gdk = true };
+}
+
 static const SweepScenario scenarios[] = {
   { .name = "enumerate",
     .make = make<EnumeratorSubject>,
     .on_gdk = true,
     .kind = XServer::XORG_DUMMY,
     .arguments = {} },
+  inject ("type", "", "A!5é"),
+  inject ("type_under_shift", "Shift", "1"),
+  inject ("type_under_altgr", "AltGraph", "a"),
 };
 
 class ScenarioSweep : public testing::TestWithParam<SweepScenario>

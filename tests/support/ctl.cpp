@@ -23,8 +23,8 @@ append_stream (GInputStream *stream, std::string *text, GMutex *lock)
 CtlRun::CtlRun (const char *display, const std::vector<std::string> &arguments, const char *output_file)
 {
   const GSubprocessFlags output = output_file ? G_SUBPROCESS_FLAGS_NONE : G_SUBPROCESS_FLAGS_STDOUT_PIPE;
-  g_autoptr (GSubprocessLauncher) launcher
-    = g_subprocess_launcher_new (static_cast<GSubprocessFlags> (output | G_SUBPROCESS_FLAGS_STDERR_PIPE));
+  g_autoptr (GSubprocessLauncher) launcher = g_subprocess_launcher_new (
+    static_cast<GSubprocessFlags> (output | G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDERR_PIPE));
   std::vector<const char *> argv = { RYXCTL };
 
   for (const auto &argument : arguments)
@@ -59,6 +59,13 @@ CtlRun::read_all (gpointer data)
   append_stream (g_subprocess_get_stdout_pipe (run->process), &run->out, &run->lock);
   append_stream (g_subprocess_get_stderr_pipe (run->process), &run->err, &run->lock);
   return nullptr;
+}
+
+void
+CtlRun::write (const std::string &text)
+{
+  g_output_stream_write_all (g_subprocess_get_stdin_pipe (process), text.data (), text.size (), nullptr, nullptr,
+                             nullptr);
 }
 
 void

@@ -14,6 +14,8 @@ public:
   ~CtlRun ();
   CtlRun (const CtlRun &) = delete;
 
+  /* To its standard input, which ends with the object. */
+  void write (const std::string &text);
   void interrupt ();
 
   /* Waits until the program has ended; -1 when it did not end by itself. */
