@@ -5,8 +5,9 @@
 #include "commands.h"
 
 static const Command *const commands[] = {
-  &implementations_command, &heads_command, &layout_command, &capture_command, &cursor_command,
-  &type_command,            &key_command,   &motion_command, &button_command,  &wheel_command,
+  &implementations_command, &heads_command, &layout_command, &capture_command,
+  &cursor_command,          &type_command,  &key_command,    &motion_command,
+  &button_command,          &wheel_command,
 };
 
 static GLogLevelFlags
