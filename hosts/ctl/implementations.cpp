@@ -11,7 +11,7 @@ static const gchar *const listed_extension_points[] = {
 static void
 print_extension (const gchar *point, GIOExtension *extension)
 {
-  g_print ("%-42s %-24s %8d  %s\n", point, g_io_extension_get_name (extension), g_io_extension_get_priority (extension),
+  g_print ("%-42s %-28s %8d  %s\n", point, g_io_extension_get_name (extension), g_io_extension_get_priority (extension),
            g_type_name (g_io_extension_get_type (extension)));
 }
 
@@ -35,7 +35,7 @@ run_implementations (const Command *command, gchar ***argv, GError **error)
   g_autoptr (JsonBuilder) json = json_builder_new ();
   json_builder_begin_array (json);
   if (!global_options.json)
-    g_print ("%-42s %-24s %8s  %s\n", "EXTENSION POINT", "NAME", "PRIORITY", "TYPE");
+    g_print ("%-42s %-28s %8s  %s\n", "EXTENSION POINT", "NAME", "PRIORITY", "TYPE");
 
   for (const gchar *point : listed_extension_points)
     for (GList *link = g_io_extension_point_get_extensions (g_io_extension_point_lookup (point)); link;
