@@ -14,68 +14,48 @@ protected:
   EnumeratorTest () { load_module (); }
 };
 
-/* Changes the CRTCs of a server with two connected outputs and reads back what is there then. */
-class ScreenArranger : public XcbClient
+struct Arrangement
 {
-public:
-  using XcbClient::XcbClient;
+  const char *xrandr; /* what another client changes */
+  const char *heads;  /* what there is then, in the words of RandR */
+};
 
-  /* Shows an output with its own first mode through the CRTC of that index, or switches the CRTC off. */
-  void
-  set (int index, int x, int y, bool on)
-  {
-    const xcb_randr_crtc_t crtc = xcb_randr_get_screen_resources_crtcs (resources.get ())[index];
-    const xcb_randr_output_t output = xcb_randr_get_screen_resources_outputs (resources.get ())[index];
-    const auto info = X_REPLY (conn, randr_get_output_info, output, 0);
-    const xcb_randr_mode_t mode = on ? *xcb_randr_get_output_info_modes (info.get ()) : XCB_NONE;
-    const auto reply
-      = X_REPLY (conn, randr_set_crtc_config, crtc, 0, 0, x, y, mode, XCB_RANDR_ROTATION_ROTATE_0, on, &output);
-    EXPECT_TRUE (reply && reply->status == XCB_RANDR_SET_CONFIG_SUCCESS);
-  }
-
-  /* The heads of all CRTCs with outputs, as a plain client sees them. */
-  std::string
-  heads ()
-  {
-    std::string text;
-    for (int i = 0; i < resources->num_crtcs; i++)
-      {
-        const xcb_randr_crtc_t crtc = xcb_randr_get_screen_resources_crtcs (resources.get ())[i];
-        const auto info = X_REPLY (conn, randr_get_crtc_info, crtc, 0);
-        for (int j = 0; j < info->num_outputs; j++)
-          {
-            const xcb_randr_output_t output = xcb_randr_get_crtc_info_outputs (info.get ())[j];
-            g_autofree gchar *head = g_strdup_printf ("OUTPUT-%u:%u %ux%u+%d+%d", output, output, info->width,
-                                                      info->height, info->x, info->y);
-            text += (text.empty () ? "" : ", ") + std::string (head);
-          }
-      }
-    return text;
-  }
-
-private:
-  const XOwned<xcb_randr_get_screen_resources_reply_t> resources = X_REPLY (conn, randr_get_screen_resources, root);
+static const Arrangement arrangements[] = {
+  { "", "DUMMY0 1280x1024+0+0, DUMMY1 1280x1024+1280+0" },
+  { "--output DUMMY1 --pos 0x0", "DUMMY0 1280x1024+0+0, DUMMY1 1280x1024+0+0" },
+  { "--output DUMMY0 --off", "DUMMY1 1280x1024+0+0" },
 };
 
 TEST_F (EnumeratorTest, TellsTheHeadsThatAPlainClientSees)
 {
   XServer server (XServer::XORG_DUMMY);
-  ScreenArranger arranger (server.display ());
+  XcbClient client (server.display ());
+  LayoutObserver observer (client);
   GdkDisplayScope gdk (server.display ());
+  const auto resources = X_REPLY (client.conn, randr_get_screen_resources, client.root);
+  const xcb_randr_output_t *outputs = xcb_randr_get_screen_resources_outputs (resources.get ());
 
-  const std::string side_by_side = arranger.heads ();
-  EXPECT_NE (side_by_side.find ("+1280+0"), std::string::npos) << side_by_side;
-  EXPECT_EQ (enumerate_heads (), side_by_side);
+  for (const auto &[xrandr, heads] : arrangements)
+    {
+      SCOPED_TRACE (xrandr);
+      const std::string command = std::string ("xrandr -d ") + server.display () + " " + xrandr;
+      ASSERT_TRUE (g_spawn_command_line_sync (command.c_str (), nullptr, nullptr, nullptr, nullptr));
+      ASSERT_TRUE (observer.look ());
+      EXPECT_TRUE (observer.heads.ends_with (heads)) << observer.heads;
 
-  arranger.set (1, 0, 0, true);
-  EXPECT_EQ (enumerate_heads (), arranger.heads ()) << "mirrored";
+      std::string expected = heads;
+      for (int i = 0; i < 2; i++)
+        {
+          const std::string id = std::to_string (outputs[i]);
+          expected = replace_all (expected, "DUMMY" + std::to_string (i), "OUTPUT-" + id + ":" + id);
+        }
+      EXPECT_EQ (enumerate_heads (), expected);
+    }
 
-  arranger.set (0, 0, 0, false);
-  arranger.set (1, 100, 0, true);
-  EXPECT_EQ (enumerate_heads (), arranger.heads ()) << "one off, the other not at the origin";
-
-  arranger.set (1, 0, 0, false);
-  EXPECT_EQ (enumerate_heads (), "SCREEN:0 2560x1024+0+0") << "all off";
+  observer.arrange ("");
+  ASSERT_TRUE (observer.look ());
+  const std::string size = observer.heads.substr (0, observer.heads.find (':'));
+  EXPECT_EQ (enumerate_heads (), "SCREEN:0 " + size + "+0+0") << "all off";
 }
 
 TEST_F (EnumeratorTest, TellsTheWholeScreenWithoutRandr)

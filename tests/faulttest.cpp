@@ -17,14 +17,6 @@
 
 static const char domain[] = "RYX:x11:display";
 
-static std::string
-replace_all (std::string text, const std::string &from, const std::string &to)
-{
-  for (size_t at = 0; (at = text.find (from, at)) != std::string::npos; at += to.size ())
-    text.replace (at, from.size (), to);
-  return text;
-}
-
 static FaultRule
 failing (const char *request, uint8_t error, unsigned nth = 0)
 {

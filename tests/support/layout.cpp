@@ -10,6 +10,14 @@
 #define LIST(what, reply) std::span (xcb_randr_get_##what (reply.get ()), xcb_randr_get_##what##_length (reply.get ()))
 
 std::string
+replace_all (std::string text, const std::string &from, const std::string &to)
+{
+  for (size_t at = 0; (at = text.find (from, at)) != std::string::npos; at += to.size ())
+    text.replace (at, from.size (), to);
+  return text;
+}
+
+static std::string
 describe_layout (RyxDisplayLayout *layout)
 {
   guint32 n_heads;

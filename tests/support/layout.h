@@ -6,10 +6,9 @@
 
 #include "xserver.h"
 
-/* Heads in the notation "NAME:ID WxH+X+Y, …". None of them may be primary. */
-std::string describe_layout (RyxDisplayLayout *layout);
+std::string replace_all (std::string text, const std::string &from, const std::string &to);
 
-/* The heads that the module's enumerator tells, or its error's message. */
+/* The heads that the module's enumerator tells, as "NAME:ID WxH+X+Y, …", or its error's message. */
 std::string enumerate_heads ();
 
 /* Asks the module's layout manager for heads: "800x600+0+0 640x480+800+0". The error's message, "" when there is none.
