@@ -1,6 +1,6 @@
 #pragma once
 
-#include <ryx/macros.h>
+#include <ryx/diffmap.h>
 
 G_BEGIN_DECLS
 
@@ -25,6 +25,8 @@ RYX_API GType ryx_allocator_get_type (void);
 /**
  * ryx_allocator_new:
  *
+ * Makes an allocator.
+ *
  * Returns: (transfer full): a new allocator that holds no buffer yet.
  */
 RYX_API RyxAllocator *ryx_allocator_new (void);
@@ -32,6 +34,8 @@ RYX_API RyxAllocator *ryx_allocator_new (void);
 /**
  * ryx_allocator_ref:
  * @allocator: an allocator
+ *
+ * Takes a reference.
  *
  * Returns: (transfer full): @allocator, with one more reference.
  */
@@ -46,7 +50,7 @@ RYX_API RyxAllocator *ryx_allocator_ref (RyxAllocator *allocator);
 RYX_API void ryx_allocator_unref (RyxAllocator *allocator);
 
 /**
- * ryx_allocator_acquire:
+ * ryx_allocator_acquire: (skip)
  * @allocator: an allocator
  * @size: how many bytes are wanted
  *
@@ -59,7 +63,7 @@ RYX_API void ryx_allocator_unref (RyxAllocator *allocator);
 RYX_API gpointer ryx_allocator_acquire (RyxAllocator *allocator, gsize size);
 
 /**
- * ryx_allocator_release:
+ * ryx_allocator_release: (skip)
  * @allocator: the allocator that made @memory
  * @memory: (nullable): a buffer
  * @size: the size that was asked for
@@ -67,6 +71,18 @@ RYX_API gpointer ryx_allocator_acquire (RyxAllocator *allocator, gsize size);
  * Takes a buffer back, to keep it for the next frame or to give it back to the system.
  */
 RYX_API void ryx_allocator_release (RyxAllocator *allocator, gpointer memory, gsize size);
+
+/**
+ * ryx_allocator_expect_changes:
+ * @allocator: an allocator
+ * @changes: a map over the image
+ *
+ * Tells how the image that the next #RyxFrameData is made of differs from the one that the last was made of: in the
+ * marked blocks at most. Both lie in memory in the same way, and both frame data are @allocator's. Storage that
+ * still holds one of the last images is then brought up to date by copying the blocks that changed since, instead of
+ * everything. Without this call, and after a frame data that was made without it, everything is copied.
+ */
+RYX_API void ryx_allocator_expect_changes (RyxAllocator *allocator, RyxDiffmap *changes);
 
 G_DEFINE_AUTOPTR_CLEANUP_FUNC (RyxAllocator, ryx_allocator_unref)
 

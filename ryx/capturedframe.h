@@ -23,6 +23,8 @@ G_DECLARE_FINAL_TYPE (RyxCapturedFrame, ryx_captured_frame, RYX, CAPTURED_FRAME,
  * @diffmap: the map of changed blocks; referenced
  * @timestamp: when it was grabbed, as g_get_monotonic_time() tells it, in microseconds
  *
+ * Puts a frame together, for implementations of #RyxFrameBufferReader.
+ *
  * Returns: (transfer full): a new captured frame.
  */
 RYX_API RyxCapturedFrame *ryx_captured_frame_new (guint32 screen_id, RyxFrameData *frame_data, RyxDiffmap *diffmap,
@@ -32,6 +34,8 @@ RYX_API RyxCapturedFrame *ryx_captured_frame_new (guint32 screen_id, RyxFrameDat
  * ryx_captured_frame_get_screen_id:
  * @frame: a captured frame
  *
+ * Tells which screen a frame shows.
+ *
  * Returns: the screen id of the reader that made it.
  */
 RYX_API guint32 ryx_captured_frame_get_screen_id (RyxCapturedFrame *frame);
@@ -39,6 +43,8 @@ RYX_API guint32 ryx_captured_frame_get_screen_id (RyxCapturedFrame *frame);
 /**
  * ryx_captured_frame_get_frame_data:
  * @frame: a captured frame
+ *
+ * Gives the picture.
  *
  * Returns: (transfer none): the pixels, valid as long as @frame.
  */
@@ -48,6 +54,8 @@ RYX_API RyxFrameData *ryx_captured_frame_get_frame_data (RyxCapturedFrame *frame
  * ryx_captured_frame_get_diffmap:
  * @frame: a captured frame
  *
+ * Gives the map of what changed since the frame before.
+ *
  * Returns: (transfer none): the map of changed blocks, valid as long as @frame.
  */
 RYX_API RyxDiffmap *ryx_captured_frame_get_diffmap (RyxCapturedFrame *frame);
@@ -55,6 +63,8 @@ RYX_API RyxDiffmap *ryx_captured_frame_get_diffmap (RyxCapturedFrame *frame);
 /**
  * ryx_captured_frame_get_timestamp:
  * @frame: a captured frame
+ *
+ * Tells when a frame was grabbed.
  *
  * Returns: monotonic time of the grab in microseconds.
  */

@@ -15,6 +15,7 @@ RyxCursor *
 ryx_cursor_new (guint64 id, guint32 width, guint32 height, guint32 hotspot_x, guint32 hotspot_y, GBytes *pixels)
 {
   g_return_val_if_fail (pixels, nullptr);
+  g_return_val_if_fail (g_bytes_get_size (pixels) / 4 >= static_cast<guint64> (width) * height, nullptr);
 
   RyxCursor *cursor = g_new0 (RyxCursor, 1);
   g_atomic_ref_count_init (&cursor->references);

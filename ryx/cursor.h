@@ -30,6 +30,8 @@ RYX_API GType ryx_cursor_get_type (void);
  * @pixels: width × height pixels of 4 bytes: alpha, red, green, blue, not premultiplied, rows top to
  *   bottom without a gap; referenced
  *
+ * Makes a cursor, for implementations of #RyxPointerMonitor.
+ *
  * Returns: (transfer full): a new cursor.
  */
 RYX_API RyxCursor *ryx_cursor_new (guint64 id, guint32 width, guint32 height, guint32 hotspot_x, guint32 hotspot_y,
@@ -38,6 +40,8 @@ RYX_API RyxCursor *ryx_cursor_new (guint64 id, guint32 width, guint32 height, gu
 /**
  * ryx_cursor_ref:
  * @cursor: a cursor
+ *
+ * Takes a reference.
  *
  * Returns: (transfer full): @cursor, with one more reference.
  */
@@ -55,6 +59,8 @@ RYX_API void ryx_cursor_unref (RyxCursor *cursor);
  * ryx_cursor_get_id:
  * @cursor: a cursor
  *
+ * Tells what a cursor is cached under.
+ *
  * Returns: its id.
  */
 RYX_API guint64 ryx_cursor_get_id (RyxCursor *cursor);
@@ -62,6 +68,8 @@ RYX_API guint64 ryx_cursor_get_id (RyxCursor *cursor);
 /**
  * ryx_cursor_get_width:
  * @cursor: a cursor
+ *
+ * Tells how wide a cursor is.
  *
  * Returns: its width in pixels.
  */
@@ -71,6 +79,8 @@ RYX_API guint32 ryx_cursor_get_width (RyxCursor *cursor);
  * ryx_cursor_get_height:
  * @cursor: a cursor
  *
+ * Tells how high a cursor is.
+ *
  * Returns: its height in pixels.
  */
 RYX_API guint32 ryx_cursor_get_height (RyxCursor *cursor);
@@ -78,6 +88,8 @@ RYX_API guint32 ryx_cursor_get_height (RyxCursor *cursor);
 /**
  * ryx_cursor_get_hotspot_x:
  * @cursor: a cursor
+ *
+ * Tells which column of a cursor points.
  *
  * Returns: the pointing pixel's distance from the left edge.
  */
@@ -87,6 +99,8 @@ RYX_API guint32 ryx_cursor_get_hotspot_x (RyxCursor *cursor);
  * ryx_cursor_get_hotspot_y:
  * @cursor: a cursor
  *
+ * Tells which row of a cursor points.
+ *
  * Returns: the pointing pixel's distance from the top edge.
  */
 RYX_API guint32 ryx_cursor_get_hotspot_y (RyxCursor *cursor);
@@ -94,6 +108,8 @@ RYX_API guint32 ryx_cursor_get_hotspot_y (RyxCursor *cursor);
 /**
  * ryx_cursor_get_pixels:
  * @cursor: a cursor
+ *
+ * Gives the picture of a cursor.
  *
  * Returns: (transfer none): its pixels as ryx_cursor_new() describes them, valid as long as @cursor.
  */

@@ -19,6 +19,8 @@ G_DECLARE_FINAL_TYPE (RyxCursorCache, ryx_cursor_cache, RYX, CURSOR_CACHE, GObje
  * ryx_cursor_cache_new:
  * @size: how many cursors it holds at most, 1 and up
  *
+ * Makes a cache.
+ *
  * Returns: (transfer full): a new, empty cache.
  */
 RYX_API RyxCursorCache *ryx_cursor_cache_new (guint size);
@@ -28,7 +30,7 @@ RYX_API RyxCursorCache *ryx_cursor_cache_new (guint size);
  * @cache: a cache
  * @id: a cursor id
  *
- * Counts as a use of the cursor.
+ * Looks a cursor up. This counts as a use of the cursor.
  *
  * Returns: (transfer none) (nullable): the cursor with that id, valid as long as it is cached; %NULL when
  *   there is none.

@@ -1,4 +1,4 @@
-#include <ryx/diffmap.h>
+#include "diffmap-private.h"
 
 #include "framedata-private.h"
 
@@ -26,7 +26,7 @@ enum : guint8
 };
 
 /* Of an image that no frame data owns. */
-static constexpr guint BARE_PIXEL_SIZE = 4;
+static constexpr guint bare_pixel_size = 4;
 
 struct Image
 {
@@ -125,7 +125,7 @@ find_images (const guint8 *old_pixels, const guint8 *new_pixels, guint32 width, 
   if (old_frame && new_frame && old_frame->pixel_size != new_frame->pixel_size)
     return false;
 
-  const guint pixel_size = old_frame ? old_frame->pixel_size : new_frame ? new_frame->pixel_size : BARE_PIXEL_SIZE;
+  const guint pixel_size = old_frame ? old_frame->pixel_size : new_frame ? new_frame->pixel_size : bare_pixel_size;
   *pair = { { old_pixels, choose_stride (old_stride, pixel_size, old_frame, new_frame) },
             { new_pixels, choose_stride (new_stride, pixel_size, new_frame, old_frame) },
             pixel_size };
@@ -306,6 +306,27 @@ ryx_diffmap_set_image_rect (RyxDiffmap *diffmap, const RyxRect *rect, guint8 val
       std::fill (first, end, value);
     }
   return n_changed;
+}
+
+RyxDiffmap *
+ryx_diffmap_copy (RyxDiffmap *diffmap)
+{
+  RyxDiffmap *copy = new_filled (diffmap->width, diffmap->height, diffmap->block_size, 0);
+
+  if (copy)
+    memcpy (copy->marks, diffmap->marks, get_n_blocks (diffmap));
+  return copy;
+}
+
+gboolean
+ryx_diffmap_merge (RyxDiffmap *diffmap, RyxDiffmap *other)
+{
+  if (diffmap->width != other->width || diffmap->height != other->height || diffmap->block_size != other->block_size)
+    return FALSE;
+
+  for (gsize i = 0; i < get_n_blocks (diffmap); i++)
+    diffmap->marks[i] |= other->marks[i];
+  return TRUE;
 }
 
 RyxDiffmap *

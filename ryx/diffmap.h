@@ -35,6 +35,8 @@ RYX_API GType ryx_diffmap_get_type (void);
  * @height: the image's height in pixels
  * @block_size: edge of a block in pixels, 1 and up
  *
+ * Makes a map that calls everything changed.
+ *
  * Returns: (transfer full) (nullable): a new map with every block marked; %NULL, with a critical
  *   message, for a block size of 0 or for more than 4294967295 blocks.
  */
@@ -46,13 +48,15 @@ RYX_API RyxDiffmap *ryx_diffmap_new_all_set (guint32 width, guint32 height, guin
  * @height: the image's height in pixels
  * @block_size: edge of a block in pixels, 1 and up
  *
+ * Makes a map that calls nothing changed.
+ *
  * Returns: (transfer full) (nullable): a new map with no block marked; %NULL as for
  *   ryx_diffmap_new_all_set().
  */
 RYX_API RyxDiffmap *ryx_diffmap_new_all_zero (guint32 width, guint32 height, guint32 block_size);
 
 /**
- * ryx_diffmap_new_from_images:
+ * ryx_diffmap_new_from_images: (skip)
  * @old_pixels: the first image
  * @new_pixels: the second image
  * @width: width of both in pixels
@@ -72,7 +76,7 @@ RYX_API RyxDiffmap *ryx_diffmap_new_from_images (const guint8 *old_pixels, const
                                                  guint32 block_size, guint32 *n_changed);
 
 /**
- * ryx_diffmap_refine_from_images:
+ * ryx_diffmap_refine_from_images: (skip)
  * @diffmap: a map of an image of @width × @height pixels
  * @old_pixels: the first image
  * @new_pixels: the second image
@@ -105,6 +109,8 @@ RYX_API guint32 ryx_diffmap_set_image_rect (RyxDiffmap *diffmap, const RyxRect *
  * ryx_diffmap_ref:
  * @diffmap: a map
  *
+ * Takes a reference.
+ *
  * Returns: (transfer full): @diffmap, with one more reference.
  */
 RYX_API RyxDiffmap *ryx_diffmap_ref (RyxDiffmap *diffmap);
@@ -121,6 +127,8 @@ RYX_API void ryx_diffmap_unref (RyxDiffmap *diffmap);
  * ryx_diffmap_get_block_size:
  * @diffmap: a map
  *
+ * Tells how large a block is.
+ *
  * Returns: the edge of a block in pixels.
  */
 RYX_API guint32 ryx_diffmap_get_block_size (RyxDiffmap *diffmap);
@@ -128,6 +136,8 @@ RYX_API guint32 ryx_diffmap_get_block_size (RyxDiffmap *diffmap);
 /**
  * ryx_diffmap_get_columns:
  * @diffmap: a map
+ *
+ * Tells how many blocks a row has.
  *
  * Returns: the number of blocks side by side.
  */
@@ -137,6 +147,8 @@ RYX_API guint32 ryx_diffmap_get_columns (RyxDiffmap *diffmap);
  * ryx_diffmap_get_rows:
  * @diffmap: a map
  *
+ * Tells how many rows of blocks there are.
+ *
  * Returns: the number of blocks one below the other.
  */
 RYX_API guint32 ryx_diffmap_get_rows (RyxDiffmap *diffmap);
@@ -144,6 +156,8 @@ RYX_API guint32 ryx_diffmap_get_rows (RyxDiffmap *diffmap);
 /**
  * ryx_diffmap_get_marks: (skip)
  * @diffmap: a map
+ *
+ * Gives the marks themselves.
  *
  * Returns: (transfer none): the marks, one byte per block, row after row without a gap; columns
  *   times rows bytes, valid as long as @diffmap.
@@ -153,6 +167,8 @@ RYX_API const guint8 *ryx_diffmap_get_marks (RyxDiffmap *diffmap);
 /**
  * ryx_diffmap_get_count:
  * @diffmap: a map
+ *
+ * Counts the marks.
  *
  * Returns: the number of marked blocks.
  */

@@ -42,6 +42,8 @@ struct _RyxDisplayEnumeratorInterface
  * @enumerator: an enumerator
  * @error: where the error goes
  *
+ * Asks the display which heads it has and where they are.
+ *
  * Returns: (transfer full) (nullable): the layout as it is now; %NULL with @error set.
  */
 RYX_API RyxDisplayLayout *ryx_display_enumerator_get_display_layout (RyxDisplayEnumerator *enumerator, GError **error);

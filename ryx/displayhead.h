@@ -27,6 +27,8 @@ RYX_API GType ryx_display_head_get_type (void);
  * @rect: its place on the screen in pixels; copied
  * @primary: whether it is the primary head
  *
+ * Makes a head.
+ *
  * Returns: (transfer full): a new head with output id 0.
  */
 RYX_API RyxDisplayHead *ryx_display_head_new (const gchar *name, const RyxRect *rect, gboolean primary);
@@ -34,6 +36,8 @@ RYX_API RyxDisplayHead *ryx_display_head_new (const gchar *name, const RyxRect *
 /**
  * ryx_display_head_ref:
  * @head: a head
+ *
+ * Takes a reference.
  *
  * Returns: (transfer full): @head, with one more reference.
  */
@@ -60,6 +64,8 @@ RYX_API void ryx_display_head_set_output_id (RyxDisplayHead *head, guint32 outpu
  * ryx_display_head_get_name:
  * @head: a head
  *
+ * Tells what a head is called.
+ *
  * Returns: (transfer none): its name.
  */
 RYX_API const gchar *ryx_display_head_get_name (RyxDisplayHead *head);
@@ -77,6 +83,8 @@ RYX_API void ryx_display_head_get_rect (RyxDisplayHead *head, RyxRect *rect);
  * ryx_display_head_get_primary:
  * @head: a head
  *
+ * Tells whether a head is the primary one.
+ *
  * Returns: whether it is the primary head.
  */
 RYX_API gboolean ryx_display_head_get_primary (RyxDisplayHead *head);
@@ -84,6 +92,8 @@ RYX_API gboolean ryx_display_head_get_primary (RyxDisplayHead *head);
 /**
  * ryx_display_head_get_output_id:
  * @head: a head
+ *
+ * Tells which output shows a head.
  *
  * Returns: the RandR output id, 0 when there is none. A reader captures this head when its
  *   `output-id` property has this value.

@@ -15,9 +15,11 @@ RYX_API
 G_DECLARE_FINAL_TYPE (RyxDisplayLayout, ryx_display_layout, RYX, DISPLAY_LAYOUT, GObject)
 
 /**
- * ryx_display_layout_new: (skip)
+ * ryx_display_layout_new:
  * @n_heads: number of heads, 0 and up
  * @heads: (array length=n_heads): the heads; each is referenced
+ *
+ * Makes a layout.
  *
  * Returns: (transfer full): a new layout of these heads in this order.
  */
@@ -27,6 +29,8 @@ RYX_API RyxDisplayLayout *ryx_display_layout_new (guint32 n_heads, RyxDisplayHea
  * ryx_display_layout_get_heads:
  * @layout: a layout
  * @n_heads: (out): the number of heads
+ *
+ * Gives the heads of a layout.
  *
  * Returns: (transfer none) (array length=n_heads): the heads in order, valid as long as @layout.
  */

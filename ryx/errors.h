@@ -48,12 +48,16 @@ typedef enum
 /**
  * ryx_display_layout_manager_error_quark:
  *
+ * Identifies #RyxDisplayLayoutManagerError among error domains.
+ *
  * Returns: the error domain of #RyxDisplayLayoutManagerError. Any thread.
  */
 RYX_API GQuark ryx_display_layout_manager_error_quark (void);
 
 /**
  * ryx_frame_buffer_reader_error_quark:
+ *
+ * Identifies #RyxFrameBufferReaderError among error domains.
  *
  * Returns: the error domain of #RyxFrameBufferReaderError. Any thread.
  */

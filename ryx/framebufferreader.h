@@ -25,6 +25,37 @@ RYX_API
 G_DECLARE_DERIVABLE_TYPE (RyxFrameBufferReader, ryx_frame_buffer_reader, RYX, FRAME_BUFFER_READER, GObject)
 
 /**
+ * RyxFrameBufferReader:screen-id:
+ *
+ * The id stamped into the frames.
+ */
+
+/**
+ * RyxFrameBufferReader:screen-name:
+ *
+ * The screen's name in log lines.
+ */
+
+/**
+ * RyxFrameBufferReader:output-id:
+ *
+ * The RandR output to capture, 0 for the whole screen.
+ */
+
+/**
+ * RyxFrameBufferReader:block-size:
+ *
+ * The edge of a block of the change maps in pixels, 1 and up.
+ */
+
+/**
+ * RyxFrameBufferReader:diffmap-refine-threshold:
+ *
+ * The number of damaged blocks above which a reader that is told of damage compares pixels, to unmark
+ * blocks that were drawn without a change; -1: never.
+ */
+
+/**
  * RyxFrameBufferReaderClass:
  * @parent_class: the parent class
  * @setup: see ryx_frame_buffer_reader_setup()
@@ -82,7 +113,9 @@ RYX_API RyxCapturedFrame *ryx_frame_buffer_reader_grab_frame (RyxFrameBufferRead
  * ryx_frame_buffer_reader_get_screen_id:
  * @reader: a reader
  *
- * Returns: the id stamped into its frames (property `screen-id`).
+ * Tells how a reader marks its frames.
+ *
+ * Returns: the id stamped into its frames.
  */
 RYX_API guint32 ryx_frame_buffer_reader_get_screen_id (RyxFrameBufferReader *reader);
 
@@ -90,8 +123,10 @@ RYX_API guint32 ryx_frame_buffer_reader_get_screen_id (RyxFrameBufferReader *rea
  * ryx_frame_buffer_reader_get_screen_name:
  * @reader: a reader
  *
- * Returns: (transfer none) (nullable): the screen's name in log lines (property `screen-name`), valid
- *   until the property changes.
+ * Tells what a reader calls its screen.
+ *
+ * Returns: (transfer none) (nullable): the screen's name in log lines, valid until the property
+ *   changes.
  */
 RYX_API const gchar *ryx_frame_buffer_reader_get_screen_name (RyxFrameBufferReader *reader);
 
@@ -99,7 +134,9 @@ RYX_API const gchar *ryx_frame_buffer_reader_get_screen_name (RyxFrameBufferRead
  * ryx_frame_buffer_reader_get_output_id:
  * @reader: a reader
  *
- * Returns: the RandR output to capture (property `output-id`), 0 for the whole screen.
+ * Tells what a reader captures.
+ *
+ * Returns: the RandR output to capture, 0 for the whole screen.
  */
 RYX_API guint32 ryx_frame_buffer_reader_get_output_id (RyxFrameBufferReader *reader);
 
@@ -107,7 +144,9 @@ RYX_API guint32 ryx_frame_buffer_reader_get_output_id (RyxFrameBufferReader *rea
  * ryx_frame_buffer_reader_get_block_size:
  * @reader: a reader
  *
- * Returns: the edge of a block of its change maps in pixels, 1 and up (property `block-size`).
+ * Tells how fine the change maps of a reader are.
+ *
+ * Returns: the edge of a block of its change maps in pixels, 1 and up.
  */
 RYX_API guint32 ryx_frame_buffer_reader_get_block_size (RyxFrameBufferReader *reader);
 
@@ -115,8 +154,9 @@ RYX_API guint32 ryx_frame_buffer_reader_get_block_size (RyxFrameBufferReader *re
  * ryx_frame_buffer_reader_get_diffmap_refine_threshold:
  * @reader: a reader
  *
- * Returns: the number of damaged blocks above which a reader that is told of damage compares pixels, to
- *   unmark blocks that were drawn without a change (property `diffmap-refine-threshold`); -1: never.
+ * Tells when a reader compares pixels that were drawn.
+ *
+ * Returns: the number of damaged blocks above which it does; -1: never.
  */
 RYX_API gint32 ryx_frame_buffer_reader_get_diffmap_refine_threshold (RyxFrameBufferReader *reader);
 

@@ -1,5 +1,7 @@
 #include "framedata-private.h"
 
+#include "allocator-private.h"
+
 #include <string.h>
 
 struct _RyxFrameData
@@ -7,7 +9,8 @@ struct _RyxFrameData
   gatomicrefcount references;
   RyxAllocator *allocator;
   guint8 *data;
-  gsize size; /* of data: up to the last row's last pixel */
+  gsize size;    /* of data: up to the last row's last pixel */
+  guint64 image; /* what the allocator calls the content */
   gsize stride;
   guint32 width, height;
   RyxPixelFormat format;
@@ -59,6 +62,30 @@ get_image_size (gsize stride, gsize row_size, guint32 height, gsize *size)
   return height == 0 || (g_size_checked_mul (size, stride, height - 1) && g_size_checked_add (size, *size, row_size));
 }
 
+/* Within two images that lie in memory in the same way. */
+static void
+copy_rect (guint8 *target, const guint8 *source, gsize stride, guint pixel_size, const RyxRect &rect)
+{
+  const gsize start = rect.y * stride + gsize{ rect.x } * pixel_size;
+  const gsize row_size = gsize{ rect.width } * pixel_size;
+
+  if (row_size == stride)
+    memcpy (target + start, source + start, row_size * rect.height);
+  else
+    for (gsize offset = start, row = 0; row < rect.height; row++, offset += stride)
+      memcpy (target + offset, source + offset, row_size);
+}
+
+static void
+copy_blocks (guint8 *target, const guint8 *source, gsize stride, guint pixel_size, RyxDiffmap *blocks)
+{
+  guint32 n_rects;
+  g_autofree RyxRect *rects = ryx_diffmap_get_rects (blocks, &n_rects);
+
+  for (guint32 i = 0; i < n_rects; i++)
+    copy_rect (target, source, stride, pixel_size, rects[i]);
+}
+
 RyxFrameData *
 ryx_frame_data_new_with_stride (RyxAllocator *allocator, const guint8 *pixels, gsize stride, guint32 width,
                                 guint32 height, RyxPixelFormat format)
@@ -70,15 +97,20 @@ ryx_frame_data_new_with_stride (RyxAllocator *allocator, const guint8 *pixels, g
   g_return_val_if_fail (stride >= row_size, nullptr);
   g_return_val_if_fail (get_image_size (stride, row_size, height, &size), nullptr);
 
-  auto *data = static_cast<guint8 *> (ryx_allocator_acquire (allocator, size));
-  g_return_val_if_fail (data, nullptr);
-  memcpy (data, pixels, size);
+  const ImageStorage storage = ryx_allocator_acquire_for_image (allocator, size);
+  g_autoptr (RyxDiffmap) changed = storage.changed;
+  g_return_val_if_fail (storage.data, nullptr);
+  if (changed)
+    copy_blocks (storage.data, pixels, stride, ryx_pixel_format_get_size (format), changed);
+  else
+    memcpy (storage.data, pixels, size);
 
   RyxFrameData *frame_data = g_new (RyxFrameData, 1);
   g_atomic_ref_count_init (&frame_data->references);
   frame_data->allocator = ryx_allocator_ref (allocator);
-  frame_data->data = data;
+  frame_data->data = storage.data;
   frame_data->size = size;
+  frame_data->image = storage.image;
   frame_data->stride = stride;
   frame_data->width = width;
   frame_data->height = height;
@@ -106,7 +138,7 @@ ryx_frame_data_unref (RyxFrameData *frame_data)
 
   /* In this order: once released, the same storage may come alive again in another thread. */
   leave_live (frame_data);
-  ryx_allocator_release (frame_data->allocator, frame_data->data, frame_data->size);
+  ryx_allocator_release_image (frame_data->allocator, frame_data->data, frame_data->size, frame_data->image);
   ryx_allocator_unref (frame_data->allocator);
   g_free (frame_data);
 }
@@ -115,6 +147,14 @@ const guint8 *
 ryx_frame_data_get_data (RyxFrameData *frame_data)
 {
   return frame_data->data;
+}
+
+GBytes *
+ryx_frame_data_get_bytes (RyxFrameData *frame_data)
+{
+  return g_bytes_new_with_free_func (frame_data->data, frame_data->size,
+                                     reinterpret_cast<GDestroyNotify> (ryx_frame_data_unref),
+                                     ryx_frame_data_ref (frame_data));
 }
 
 guint32

@@ -23,7 +23,7 @@ typedef struct _RyxFrameData RyxFrameData;
 RYX_API GType ryx_frame_data_get_type (void);
 
 /**
- * ryx_frame_data_new_with_stride:
+ * ryx_frame_data_new_with_stride: (skip)
  * @allocator: where the storage comes from; kept referenced as long as the frame data lives
  * @pixels: the source's first row
  * @stride: bytes from one source row to the next, at least @width pixels
@@ -44,6 +44,8 @@ RYX_API RyxFrameData *ryx_frame_data_new_with_stride (RyxAllocator *allocator, c
  * ryx_frame_data_ref:
  * @frame_data: a frame data
  *
+ * Takes a reference.
+ *
  * Returns: (transfer full): @frame_data, with one more reference.
  */
 RYX_API RyxFrameData *ryx_frame_data_ref (RyxFrameData *frame_data);
@@ -57,8 +59,10 @@ RYX_API RyxFrameData *ryx_frame_data_ref (RyxFrameData *frame_data);
 RYX_API void ryx_frame_data_unref (RyxFrameData *frame_data);
 
 /**
- * ryx_frame_data_get_data:
+ * ryx_frame_data_get_data: (skip)
  * @frame_data: a frame data
+ *
+ * Gives the pixels.
  *
  * Returns: (transfer none): the first row's first byte; the rows are
  *   ryx_frame_data_get_stride() bytes apart. Aligned to 64 bytes, valid as long as @frame_data.
@@ -66,8 +70,21 @@ RYX_API void ryx_frame_data_unref (RyxFrameData *frame_data);
 RYX_API const guint8 *ryx_frame_data_get_data (RyxFrameData *frame_data);
 
 /**
+ * ryx_frame_data_get_bytes:
+ * @frame_data: a frame data
+ *
+ * Gives the pixels with their size, up to the last row's last pixel, without a copy.
+ *
+ * Returns: (transfer full): the pixels, as ryx_frame_data_get_data() describes them; they hold a
+ *   reference on @frame_data.
+ */
+RYX_API GBytes *ryx_frame_data_get_bytes (RyxFrameData *frame_data);
+
+/**
  * ryx_frame_data_get_width:
  * @frame_data: a frame data
+ *
+ * Tells how wide the picture is.
  *
  * Returns: the width in pixels.
  */
@@ -77,6 +94,8 @@ RYX_API guint32 ryx_frame_data_get_width (RyxFrameData *frame_data);
  * ryx_frame_data_get_height:
  * @frame_data: a frame data
  *
+ * Tells how high the picture is.
+ *
  * Returns: the height in pixels.
  */
 RYX_API guint32 ryx_frame_data_get_height (RyxFrameData *frame_data);
@@ -85,6 +104,8 @@ RYX_API guint32 ryx_frame_data_get_height (RyxFrameData *frame_data);
  * ryx_frame_data_get_stride:
  * @frame_data: a frame data
  *
+ * Tells how far apart the rows are.
+ *
  * Returns: bytes from one row to the next.
  */
 RYX_API gsize ryx_frame_data_get_stride (RyxFrameData *frame_data);
@@ -92,6 +113,8 @@ RYX_API gsize ryx_frame_data_get_stride (RyxFrameData *frame_data);
 /**
  * ryx_frame_data_get_format:
  * @frame_data: a frame data
+ *
+ * Tells how to read a pixel.
  *
  * Returns: the layout of its pixels.
  */

@@ -32,6 +32,8 @@ struct _RyxHealthInterface
  * ryx_health_check:
  * @health: an object that can be asked
  *
+ * Asks whether an object still works.
+ *
  * Returns: whether it works; %TRUE when it has no check.
  */
 RYX_API gboolean ryx_health_check (RyxHealth *health);

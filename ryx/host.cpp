@@ -156,6 +156,17 @@ find_extension (const gchar *extension_point, const gchar *name, GError **error)
   return static_cast<GIOExtension *> (by_priority->data);
 }
 
+/* Takes the object over. */
+static gpointer
+initialise (GObject *object, GError **error)
+{
+  if (!G_IS_INITABLE (object) || g_initable_init (G_INITABLE (object), nullptr, error))
+    return object;
+
+  g_object_unref (object);
+  return nullptr;
+}
+
 gpointer
 ryx_host_create (const gchar *extension_point, const gchar *name, GError **error, const gchar *first_property, ...)
 {
@@ -167,10 +178,21 @@ ryx_host_create (const gchar *extension_point, const gchar *name, GError **error
 
   va_list properties;
   va_start (properties, first_property);
-  g_autoptr (GObject) object = g_object_new_valist (g_io_extension_get_type (extension), first_property, properties);
+  GObject *object = g_object_new_valist (g_io_extension_get_type (extension), first_property, properties);
   va_end (properties);
+  return initialise (object, error);
+}
 
-  if (G_IS_INITABLE (object) && !g_initable_init (G_INITABLE (object), nullptr, error))
+gpointer
+ryx_host_create_with_properties (const gchar *extension_point, const gchar *name, guint n_properties,
+                                 const gchar *names[], const GValue values[], GError **error)
+{
+  g_return_val_if_fail (extension_point && (n_properties == 0 || (names && values)), nullptr);
+
+  GIOExtension *extension = find_extension (extension_point, name, error);
+  if (!extension)
     return nullptr;
-  return g_steal_pointer (&object);
+
+  return initialise (g_object_new_with_properties (g_io_extension_get_type (extension), n_properties, names, values),
+                     error);
 }

@@ -32,8 +32,8 @@ RYX_API guint ryx_host_load_modules (const gchar *directory, GError **error);
  * @extension_point: the name of an extension point, such as %RYX_DISPLAY_ENUMERATOR_EXTENSION_POINT
  * @name: (nullable): the name of an implementation; %NULL for the one with the highest priority
  * @error: where the error goes
- * @first_property: (nullable): name of the first property to set, followed by its value and further pairs,
- *   ended by %NULL as for g_object_new()
+ * @first_property: (nullable): name of the first property to set
+ * @...: its value and further pairs, ended by %NULL as for g_object_new()
  *
  * Creates an implementation's object and initialises it where it is a #GInitable. The display that the
  * implementations work on, GDK's default display for the X11 module, must be open.
@@ -43,5 +43,22 @@ RYX_API guint ryx_host_load_modules (const gchar *directory, GError **error);
  */
 RYX_API gpointer ryx_host_create (const gchar *extension_point, const gchar *name, GError **error,
                                   const gchar *first_property, ...);
+
+/**
+ * ryx_host_create_with_properties: (rename-to ryx_host_create)
+ * @extension_point: the name of an extension point, such as %RYX_DISPLAY_ENUMERATOR_EXTENSION_POINT
+ * @name: (nullable): the name of an implementation; %NULL for the one with the highest priority
+ * @n_properties: how many properties to set, 0 and up
+ * @names: (array length=n_properties) (nullable): their names
+ * @values: (array length=n_properties) (nullable): their values
+ * @error: where the error goes
+ *
+ * Does what ryx_host_create() does, for callers without variable arguments: other languages know it by
+ * that name.
+ *
+ * Returns: (transfer full) (type GObject.Object) (nullable): a new object; %NULL with @error set.
+ */
+RYX_API gpointer ryx_host_create_with_properties (const gchar *extension_point, const gchar *name, guint n_properties,
+                                                  const gchar *names[], const GValue values[], GError **error);
 
 G_END_DECLS

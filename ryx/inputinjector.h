@@ -139,6 +139,8 @@ RYX_API void ryx_input_injector_special_key_event (RyxInputInjector *injector, c
  * @location: where the key sits
  * @key_down: %TRUE for a press, %FALSE for a release
  *
+ * Asks about the key combination that no program of the session may see.
+ *
  * Returns: whether this event completes the session's secure attention sequence.
  */
 RYX_API gboolean ryx_input_injector_is_sas_event (RyxInputInjector *injector, const gchar *name,
@@ -147,6 +149,8 @@ RYX_API gboolean ryx_input_injector_is_sas_event (RyxInputInjector *injector, co
 /**
  * ryx_input_injector_is_touch_enabled:
  * @injector: an injector
+ *
+ * Asks whether there is a touch screen to play to.
  *
  * Returns: whether touch events have an effect.
  */

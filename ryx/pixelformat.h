@@ -23,6 +23,8 @@ typedef enum
  * ryx_pixel_format_get_size:
  * @format: a pixel format
  *
+ * Tells how large a pixel is.
+ *
  * Returns: the bytes per pixel, 3 or 4. Any thread.
  */
 RYX_API guint ryx_pixel_format_get_size (RyxPixelFormat format);

@@ -17,20 +17,50 @@ G_BEGIN_DECLS
  * RyxPointerMonitor:
  *
  * Watches the pointer's position and shape. Used from the thread that owns the display, whose default
- * main context must run; the signals are emitted there:
- *
- * - `cursor-moved` (guint x, guint y): the pointer is at that pixel of the whole screen;
- * - `cursor-changed` (#RyxCursor cursor, gboolean was_cached, guint64 evicted): the current shape;
- *   `was_cached` is %TRUE when it was added to the cache just now, so that its pixels are new to
- *   the listener, and `evicted` is the id that the cache gave up for it, 0 for none;
- * - `cursor-retrieved` (#RyxCursor cursor): the answer to ryx_pointer_monitor_require_cursor();
- * - `cursor-cache-invalidated` (): the cursor ids announced so far no longer hold.
- *
- * The first two come at every look at the pointer, changed or not. The construct-only property
- * `cursor-cache-size` is the number of cursors that are kept, 1 and up.
+ * main context must run; the signals are emitted there.
  */
 RYX_API
 G_DECLARE_DERIVABLE_TYPE (RyxPointerMonitor, ryx_pointer_monitor, RYX, POINTER_MONITOR, GObject)
+
+/**
+ * RyxPointerMonitor:cursor-cache-size:
+ *
+ * How many cursors are kept, 1 and up.
+ */
+
+/**
+ * RyxPointerMonitor::cursor-moved:
+ * @monitor: the monitor
+ * @x: position in pixels of the whole screen
+ * @y: position in pixels of the whole screen
+ *
+ * Tells where the pointer is, at every look at it, moved or not.
+ */
+
+/**
+ * RyxPointerMonitor::cursor-changed:
+ * @monitor: the monitor
+ * @cursor: the current shape
+ * @was_cached: %TRUE when it was added to the cache just now, so that its pixels are new to the listener
+ * @evicted: the id that the cache gave up for it, 0 for none
+ *
+ * Tells what the pointer looks like, at every look at it, changed or not.
+ */
+
+/**
+ * RyxPointerMonitor::cursor-retrieved:
+ * @monitor: the monitor
+ * @cursor: the cursor that was required
+ *
+ * Answers ryx_pointer_monitor_require_cursor().
+ */
+
+/**
+ * RyxPointerMonitor::cursor-cache-invalidated:
+ * @monitor: the monitor
+ *
+ * Says that the cursor ids announced so far no longer hold.
+ */
 
 /**
  * RyxPointerMonitorClass:
@@ -78,6 +108,8 @@ RYX_API void ryx_pointer_monitor_require_cursor (RyxPointerMonitor *monitor, gui
 /**
  * ryx_pointer_monitor_get_cursor_cache:
  * @monitor: a monitor
+ *
+ * Gives the cursors that are known by their ids.
  *
  * Returns: (transfer none): the monitor's cursor cache.
  */

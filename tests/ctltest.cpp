@@ -1,6 +1,10 @@
+#include <atomic>
+#include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include <gdk-pixbuf/gdk-pixbuf.h>
 #include <gtest/gtest.h>
@@ -9,7 +13,6 @@
 
 #include "capture.h"
 #include "ctl.h"
-#include "faultproxy.h"
 #include "faultproxy.h"
 
 /* A directory of its own, gone with the test. */
@@ -53,6 +56,20 @@ static const UsageCase usage_cases[] = {
   { "no_time", { "capture", "--seconds=nan" }, true, 2, "ryxctl: capture: --seconds must be above 0" },
   { "negative_time", { "capture", "--seconds=-1" }, true, 2, "ryxctl: capture: --seconds must be above 0" },
   { "one_name_for_all", { "capture", "--frames=2", "--png=a.png" }, true, 2, "needs a %d for the frame's number" },
+  { "map_of_nothing", { "capture", "--seconds=1", "--map" }, true, 2, "capture: --map tints pictures" },
+  { "one_place_for_two", { "capture", "--png=-", "--y4m=-", "--frames=1" }, true, 2, "can't both be standard output" },
+  { "unwritable_recording",
+    { "capture", "--y4m=/nowhere/a" },
+    true,
+    1,
+    "ryxctl: Cannot open /nowhere/a: No such file" },
+  { "full_recording",
+    { "capture", "--y4m=/dev/full", "--frames=1" },
+    true,
+    1,
+    "ryxctl: Cannot write the recording: No" },
+  { "no_key", { "key" }, true, 2, "ryxctl: key: a key is missing" },
+  { "broken_key", { "key", "\xff" }, true, 2, "ryxctl: key: a combination is not valid UTF-8" },
   { "no_layout", { "layout" }, true, 2, "ryxctl: layout: no head was given (WxH+X+Y)\n" },
   { "no_position", { "layout", "800x600+0+0", "800x600" }, true, 2, "layout: \"800x600\" is not a head's geometry" },
   { "sign", { "layout", "800x+600+0+0" }, true, 2, "layout: \"800x+600+0+0\" is not a head's geometry (WxH+X+Y)" },
@@ -87,6 +104,30 @@ TEST_F (CtlTest, TellsWhatIsWrongAndExitsAccordingly)
       EXPECT_EQ (run.status (), row.status);
       EXPECT_NE (run.err.find (row.words), std::string::npos) << run.err;
       EXPECT_EQ (run.out, "");
+    }
+}
+
+TEST_F (CtlTest, DoesEachThingAndTellsItsResult)
+{
+  static const std::pair<std::vector<std::string>, const char *> rows[] = {
+    { { "--version" }, "ryxctl " },
+    { { "implementations", "--json" }, "\"fbreaderxcb\"" },
+    { { "capture", "--frames=1", "--map", "--png=-" }, "PNG" },
+    { { "capture", "--seconds=0.2", "--debug" }, "1 frame of 640x480" },
+    { { "motion", "600", "400" }, "" },
+    { { "motion", "--relative", "-1", "2" }, "" },
+    { { "cursor", "--json" }, "\"y\" : 402" },
+    { { "button", "1", "--down" }, "" },
+    { { "button", "1", "--up" }, "" },
+    { { "wheel", "--horizontal", "2" }, "" },
+  };
+  XServer server (XServer::XVFB, { "-screen", "0", "640x480x24" });
+
+  for (const auto &[arguments, words] : rows)
+    {
+      CtlRun run (server.display (), arguments);
+      EXPECT_EQ (run.status (), 0) << run.err;
+      EXPECT_NE (run.out.find (words), std::string::npos) << words << ": " << run.out.substr (0, 500) << run.err;
     }
 }
 
@@ -181,6 +222,25 @@ TEST_F (CtlTest, EndsWithItsSummaryWhenInterruptedOnAnIdleScreen)
   EXPECT_TRUE (run.out.starts_with ("1 frame of 1280x1024 in ")) << run.out;
 }
 
+TEST_F (CtlTest, EndsAtASecondInterruptWhenTheServerHangs)
+{
+  XServer server (XServer::XVFB);
+  const std::string png = file ("0.png");
+  CtlRun run (server.display (), { "capture", "--seconds=1000", "--png", file ("%d.png") });
+  const pid_t pid = run.pid ();
+  std::atomic<bool> has_ended = false;
+
+  ASSERT_TRUE (wait_until ([&] { return g_file_test (png.c_str (), G_FILE_TEST_EXISTS); }));
+  kill (server.pid (), SIGSTOP);
+  std::thread user ([&] {
+    for (; !has_ended; g_usleep (5000))
+      kill (pid, SIGINT);
+  });
+  EXPECT_EQ (run.status (), -1);
+  has_ended = true;
+  user.join ();
+}
+
 TEST_F (CtlTest, StartsNoCaptureThatItCouldNotStop)
 {
   XServer server (XServer::XVFB);
@@ -188,9 +248,12 @@ TEST_F (CtlTest, StartsNoCaptureThatItCouldNotStop)
 
   /* After GDK's connection and the reader's: the one that would wake the reader. */
   proxy.add ({ .request = "Setup", .nth = 3, .error = XCB_ALLOC });
-  CtlRun run (proxy.display (), { "capture", "--png", file ("%d.png"), "--seconds=5" });
+  const std::string y4m = file ("earlier.y4m");
+  std::ofstream (y4m) << "earlier";
+  CtlRun run (proxy.display (), { "capture", "--y4m", y4m, "--seconds=5" });
   EXPECT_EQ (run.status (), 1);
   EXPECT_TRUE (run.err.ends_with ("ryxctl: Cannot open a second connection to the display\n")) << run.err;
+  EXPECT_EQ (std::filesystem::file_size (y4m), strlen ("earlier"));
 }
 
 TEST_F (CtlTest, GoesOnAfterAResizeButKeepsARecordingOfWhatWasBefore)

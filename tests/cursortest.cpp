@@ -113,7 +113,7 @@ TEST_P (CursorTest, MonitorsComeAndGoWithTheirCaches)
 {
   const Cursor cursors[] = { create (), create (), create () };
   Listener listener (2), other;
-  const gpointer monitor = listener.monitor;
+  void *const monitor = listener.monitor;
 
   const guint64 first = expect_report (listener, cursors[0]), second = expect_report (listener, cursors[1]);
   expect_report (listener, cursors[0], false);
@@ -181,9 +181,17 @@ struct CursorSubject : SweepSubject, Listener
   }
 };
 
+static const SweepScenario cursor_scenario
+  = { .name = "cursor", .make = [] (auto &) { return std::make_unique<CursorSubject> (); }, .on_gdk = true };
+
 TEST (CursorServerTest, MayFailAnyRequest)
 {
-  sweep ({ .name = "cursor", .make = [] (auto &) { return std::make_unique<CursorSubject> (); }, .on_gdk = true });
+  sweep (cursor_scenario);
+}
+
+TEST (CursorServerTest, FuzzedRepliesAreNotBelieved)
+{
+  fuzz_replies (cursor_scenario, { { "XFixesGetCursorImage" } }, 25);
 }
 
 TEST (CursorServerTest, MayHaveNothingToWatch)

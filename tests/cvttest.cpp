@@ -57,26 +57,8 @@ TEST (CvtTest, OtherRatesHaveTheTimingsOfTheStandard)
         compare (width, height, rate);
 }
 
-TEST (CvtTest, KnownModesHaveTheirKnownTimings)
+TEST (CvtTest, TheAspectRatioIsThatOfTheWidthAskedFor)
 {
-  static const struct
-  {
-    int width, height;
-    bool reduced;
-    DisplayModeRec expected; /* without HSync, which the clock and the total give */
-  } cases[] = {
-    { 1920, 1080, false, { 173000, 1920, 2048, 2248, 2576, 0, 1080, 1083, 1088, 1120, 0, 6, 0, 59.962845f } },
-    { 1024, 768, false, { 63500, 1024, 1072, 1176, 1328, 0, 768, 771, 775, 798, 0, 6, 0, 59.920132f } },
-    { 1280, 1024, false, { 109000, 1280, 1368, 1496, 1712, 0, 1024, 1027, 1034, 1063, 0, 6, 0, 59.894848f } },
-    { 640, 480, false, { 23750, 640, 664, 720, 800, 0, 480, 483, 487, 500, 0, 6, 0, 59.375f } },
-    { 1366, 768, false, { 84750, 1360, 1432, 1568, 1776, 0, 768, 771, 781, 798, 0, 6, 0, 59.798992f } },
-    { 641, 480, false, { 23750, 640, 664, 720, 800, 0, 480, 483, 493, 500, 0, 6, 0, 59.375f } }, /* no longer 4:3 */
-    { 1920, 1080, true, { 138500, 1920, 1968, 2000, 2080, 0, 1080, 1083, 1088, 1111, 0, 9, 0, 59.933880f } },
-  };
-
-  for (const auto &[width, height, reduced, m] : cases)
-    EXPECT_EQ (compute (width, height, 0, reduced, false),
-               std::tuple (m.Clock, m.HDisplay, m.HSyncStart, m.HSyncEnd, m.HTotal, 0, m.VDisplay, m.VSyncStart,
-                           m.VSyncEnd, m.VTotal, 0, m.Flags, float (m.Clock) / float (m.HTotal), m.VRefresh))
-      << width << "x" << height;
+  EXPECT_EQ (compute (641, 480, 0, false, false),
+             std::tuple (23750, 640, 664, 720, 800, 0, 480, 483, 493, 500, 0, 6, 23750 / 800.0f, 59.375f));
 }

@@ -68,6 +68,17 @@ TEST_F (EnumeratorTest, TellsTheWholeScreenWithoutRandr)
   EXPECT_EQ (log.count (domain, G_LOG_LEVEL_WARNING, "RandR extension not available"), 1u) << log.dump ();
 }
 
+TEST_F (EnumeratorTest, HasNoAdaptersToTellOf)
+{
+  LogRecorder log;
+  g_autoptr (GObject) enumerator
+    = G_OBJECT (ryx_host_create (RYX_DISPLAY_ENUMERATOR_EXTENSION_POINT, nullptr, nullptr, nullptr));
+
+  log.clear ();
+  ryx_display_enumerator_log_gpu_adapter_list (RYX_DISPLAY_ENUMERATOR (enumerator));
+  EXPECT_EQ (log.dump (), "");
+}
+
 TEST_F (EnumeratorTest, FailsWithoutADisplay)
 {
   LogRecorder log;

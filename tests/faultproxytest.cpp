@@ -91,46 +91,6 @@ TEST_F (FaultProxyTest, KeepsItsPlaceOver70000Requests)
   EXPECT_EQ (window_error->full_sequence, unmap.sequence);
 }
 
-TEST_F (FaultProxyTest, ChangesWhatTheServerSays)
-{
-  proxy.hide_extension ("MIT-SHM");
-  proxy.lower_version ("RRQueryVersion", 1, 1);
-  const XField width = X_FIELD (xcb_get_image_request_t, width, 77);
-  proxy.add ({ .request = "GetImage", .where = { width }, .answer = [] (auto &) { return Bytes (32 + 12); } });
-  const auto claim_24_bits
-    = [] (Bytes &reply) { xcb_setup_pixmap_formats (as<xcb_setup_t> (reply.data ()))->bits_per_pixel = 24; };
-  proxy.add ({ .request = "Setup", .edit = claim_24_bits });
-  XcbClient changed (outer.display ());
-  ASSERT_TRUE (changed.screen);
-  EXPECT_EQ (xcb_setup_pixmap_formats (xcb_get_setup (changed.conn))->bits_per_pixel, 24);
-  EXPECT_FALSE (xcb_get_extension_data (changed.conn, &xcb_shm_id)->present);
-  EXPECT_TRUE (xcb_get_extension_data (changed.conn, &xcb_randr_id)->present);
-  const auto version = X_REPLY (changed.conn, randr_query_version, 1, 6);
-  EXPECT_EQ (version->major_version * 100 + version->minor_version, 101u);
-  for (const int asked : { 77, 78 })
-    EXPECT_EQ (X_REPLY (changed.conn, get_image, 2, changed.root, 0, 0, asked, 1, ~0u)->length, asked == 77 ? 3 : 78);
-}
-
-TEST_F (FaultProxyTest, EndsOneConnectionAndLeavesTheOthers)
-{
-  XcbClient victim (outer.display ());
-  const int number = proxy.clients () - 1;
-  EXPECT_EQ (proxy.trace (number), Names{ "Setup" });
-  proxy.add ({ .request = "GetGeometry", .client = number, .nth = 2, .cut = true });
-  for (const bool lives : { true, false })
-    {
-      const auto cookie = xcb_get_geometry (victim.conn, victim.root);
-      xcb_no_operation (victim.conn);
-      const XOwned<xcb_get_geometry_reply_t> reply (xcb_get_geometry_reply (victim.conn, cookie, nullptr));
-      EXPECT_EQ (reply != nullptr, lives);
-      EXPECT_TRUE (X_REPLY (client.conn, get_geometry, client.root));
-    }
-  EXPECT_EQ (proxy.trace (number), (Names{ "Setup", "GetGeometry", "NoOperation", "GetGeometry" }));
-  proxy.fail_request (0, XCB_ACCESS);
-  EXPECT_FALSE (XcbClient (outer.display ()).screen);
-  EXPECT_TRUE (XcbClient (outer.display ()).screen);
-}
-
 TEST_F (FaultProxyTest, SlipsEventsIn)
 {
   const uint8_t keymap[32] = { XCB_KEYMAP_NOTIFY, 1, 2, 3 }, configured[32] = { 0x80 | XCB_CONFIGURE_NOTIFY };

@@ -2,8 +2,10 @@
 #include <atomic>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -50,6 +52,7 @@ moved_crtc (unsigned nth, int x, int y)
            = { X_FIELD (xcb_randr_get_crtc_info_reply_t, x, x), X_FIELD (xcb_randr_get_crtc_info_reply_t, y, y) } };
 }
 
+static const char both_heads[] = "OUTPUT-LEFT:LEFT 1280x1024+0+0, OUTPUT-RIGHT:RIGHT 1280x1024+1280+0";
 static const char no_resources[] = "Failed to get screen resources (response_type: 0 error_code: 11)";
 
 static const EnumeratorCase enumerator_cases[] = {
@@ -59,9 +62,7 @@ static const EnumeratorCase enumerator_cases[] = {
     "RandR version is too old (1.1, 1.2 required)" },
   { "no_version", { failing ("RRQueryVersion", XCB_ALLOC) }, "SCREEN:0 2560x1024+0+0", "Failed to get RandR version" },
   { "no_resources", { failing ("RRGetScreenResources", XCB_ALLOC) }, no_resources },
-  { "left_of_origin",
-    { moved_crtc (1, -1280, 0), moved_crtc (2, 0, 0) },
-    "OUTPUT-LEFT:LEFT 1280x1024+0+0, OUTPUT-RIGHT:RIGHT 1280x1024+1280+0" },
+  { "left_of_origin", { moved_crtc (1, -1280, 0), moved_crtc (2, 0, 0) }, both_heads },
   { "left_and_below",
     { moved_crtc (1, -1280, 100), moved_crtc (2, 0, 0) },
     "OUTPUT-LEFT:LEFT 1280x1024+0+100, OUTPUT-RIGHT:RIGHT 1280x1024+1280+0" },
@@ -70,6 +71,16 @@ static const EnumeratorCase enumerator_cases[] = {
     "OUTPUT-LEFT:LEFT 1280x1024+100+50, OUTPUT-RIGHT:RIGHT 1280x1024+2020+50" },
   { "a_crtc_fails", { failing ("RRGetCrtcInfo", XCB_VALUE, 1) }, "OUTPUT-RIGHT:RIGHT 1280x1024+1280+0" },
   { "an_output_fails", { failing ("RRGetOutputInfo", XCB_VALUE, 2) }, "OUTPUT-LEFT:LEFT 1280x1024+0+0" },
+  { "crtcs_that_were_not_sent",
+    { { .request = "RRGetScreenResources",
+        .patch = { X_FIELD (xcb_randr_get_screen_resources_reply_t, num_crtcs, 65535) } } },
+    both_heads },
+  { "names_that_were_not_sent",
+    { { .request = "RRGetOutputInfo", .patch = { X_FIELD (xcb_randr_get_output_info_reply_t, name_len, 65535) } } },
+    both_heads },
+  { "an_output_is_cut_short",
+    { { .request = "RRGetOutputInfo", .nth = 1, .edit = [] (Bytes &reply) { reply.resize (32); } } },
+    "OUTPUT-RIGHT:RIGHT 1280x1024+1280+0" },
   { "every_crtc_fails", { failing ("RRGetCrtcInfo", XCB_VALUE) }, "SCREEN:0 2560x1024+0+0" },
   { "nothing_works",
     { failing ("RRGetCrtcInfo", XCB_VALUE), failing ("GetGeometry", XCB_DRAWABLE) },
@@ -129,8 +140,9 @@ use_reader (TestReader &reader, Painter &painter)
         }
 
       const guint32 blocks = ryx_diffmap_get_count (ryx_captured_frame_get_diffmap (frame.get ()));
-      const bool is_true = pixels_of (frame.get ()) == painter.image (0, 0, 96, 64);
-      tell ((blocks == 24 ? "whole" : std::to_string (blocks)) + (is_true ? "" : " wrong"));
+      const std::vector<uint8_t> pixels = pixels_of (frame.get ());
+      const bool is_true = pixels == painter.image (0, 0, 96, 64), is_black = std::ranges::max (pixels) == 0;
+      tell ((blocks == 24 ? "whole" : std::to_string (blocks)) + (is_true ? "" : is_black ? " black" : " wrong"));
       n_frames++;
       if (n_frames < 2)
         painter.fill (0, 0, 17, 1, 0x808080);
@@ -149,16 +161,20 @@ struct ReaderCase
 };
 
 static const char plain_story[] = "whole; 2";
+#define NO_ATTACH "SHM_FAILED: Failed to attach shared memory; "
+#define ALLOC_ERROR " (response_type: 0 error_code: 11)"
 
-/* Of the pixmap format for depth 24. */
-static void
-set_bits_per_pixel (Bytes &reply, uint8_t bits)
+/* The pixmap format for depth 24. */
+static FaultRule
+pixel_format (uint8_t bits, uint8_t scanline_pad = 32)
 {
-  auto *setup = as<xcb_setup_t> (reply.data ());
+  return { .request = "Setup", .edit = [=] (Bytes &reply) {
+            auto *setup = as<xcb_setup_t> (reply.data ());
 
-  for (int i = 0; i < xcb_setup_pixmap_formats_length (setup); i++)
-    if (xcb_setup_pixmap_formats (setup)[i].depth == 24)
-      xcb_setup_pixmap_formats (setup)[i].bits_per_pixel = bits;
+            for (int i = 0; i < xcb_setup_pixmap_formats_length (setup); i++)
+              if (xcb_setup_pixmap_formats (setup)[i].depth == 24)
+                xcb_setup_pixmap_formats (setup)[i] = { 24, bits, scanline_pad, {} };
+          } };
 }
 
 static xcb_randr_output_t
@@ -173,6 +189,10 @@ static const ReaderCase reader_cases[] = {
   { "no_randr_version", { failing ("RRQueryVersion", XCB_ALLOC) }, plain_story, "Failed to get RandR version" },
   { "no_shm_version", { failing ("ShmQueryVersion", XCB_ALLOC) }, plain_story, "Failed to get SHM version" },
   { "no_damage_version", { failing ("DamageQueryVersion", XCB_ALLOC) }, plain_story, "Failed to get Damage version" },
+  { "damage_refused",
+    { failing ("DamageCreate", XCB_ALLOC) },
+    plain_story,
+    "Failed to create damage (response_type: 0 error_code: 11)" },
   { "no_xfixes_version",
     { failing ("XFixesQueryVersion", XCB_ALLOC) },
     "FAILED_SETUP: Unsupported XFIXES version for XCB connection" },
@@ -184,50 +204,51 @@ static const ReaderCase reader_cases[] = {
     { { .request = "ShmQueryVersion", .patch = { X_FIELD (xcb_shm_query_version_reply_t, pixmap_format, 1) } } },
     plain_story,
     "SHM: available, SHM Pixmap: not available" },
-  { "attach_refused", { failing ("ShmAttach", XCB_ACCESS) }, "SHM_FAILED: Failed to attach shared memory; whole; 2" },
-  { "attach_refused_without_damage",
-    { failing ("ShmAttach", XCB_ACCESS) },
-    "SHM_FAILED: Failed to attach shared memory; whole; 2",
-    nullptr,
-    false },
+  { "attach_refused", { failing ("ShmAttach", XCB_ACCESS) }, NO_ATTACH "whole; 2" },
+  { "attach_refused_without_damage", { failing ("ShmAttach", XCB_ACCESS) }, NO_ATTACH "whole; 2", nullptr, false },
   { "pixmap_refused",
     { failing ("ShmCreatePixmap", XCB_ALLOC) },
     plain_story,
-    "Unable to create shm pixmap of 96x64, falling back to shm get image (response_type: 0 error_code: 11)" },
+    "Unable to create shm pixmap of 96x64, falling back to shm get image" ALLOC_ERROR },
   { "gc_refused",
     { failing ("CreateGC", XCB_ALLOC) },
     plain_story,
-    "Failed to create GC, falling back to shm get image (response_type: 0 error_code: 11)" },
+    "Failed to create GC, falling back to shm get image" ALLOC_ERROR },
   { "shm_image_fails",
     { failing ("ShmGetImage", XCB_ALLOC, 1) },
-    "SHM_FAILED: Failed to get shm image (response_type: 0 error_code: 11); whole; 2",
+    "SHM_FAILED: Failed to get shm image" ALLOC_ERROR "; whole; 2",
     nullptr,
     true,
     false },
   { "second_shm_image_fails",
     { failing ("ShmGetImage", XCB_ALLOC, 2) },
-    "whole; SHM_FAILED: Failed to get shm image (response_type: 0 error_code: 11); whole",
+    "whole; SHM_FAILED: Failed to get shm image" ALLOC_ERROR "; whole",
     nullptr,
     true,
     false },
-  { "copy_fails",
-    { failing ("CopyArea", XCB_ALLOC, 1) },
-    "SHM_FAILED: Failed to copy area (response_type: 0 error_code: 11); whole; 2" },
+  { "copy_fails", { failing ("CopyArea", XCB_ALLOC, 1) }, "SHM_FAILED: Failed to copy area" ALLOC_ERROR "; whole; 2" },
   { "image_outside",
     { failing ("ShmAttach", XCB_ACCESS), failing ("GetImage", XCB_MATCH, 1) },
-    "SHM_FAILED: Failed to attach shared memory; NEEDS_RECONFIGURE: Failed to get image, needs reconfigure "
-    "(response_type: 0 error_code: 8); whole; 2" },
+    NO_ATTACH "NEEDS_RECONFIGURE: Failed to get image, needs reconfigure "
+              "(response_type: 0 error_code: 8); whole; 2" },
   { "image_fails",
     { failing ("ShmAttach", XCB_ACCESS), failing ("GetImage", XCB_ALLOC, 1) },
-    "SHM_FAILED: Failed to attach shared memory; FAILED: Failed to get image (response_type: 0 error_code: 11); whole; "
-    "2" },
+    NO_ATTACH "FAILED: Failed to get image" ALLOC_ERROR "; whole; "
+              "2" },
   { "no_resources", { failing ("RRGetScreenResources", XCB_ALLOC) }, plain_story, "screen test (0,0 96x64 - depth 24" },
   { "no_crtc_info", { failing ("RRGetCrtcInfo", XCB_VALUE) }, plain_story, "screen test (0,0 96x64 - depth 24" },
   { "no_output_info", { failing ("RRGetOutputInfo", XCB_VALUE) }, plain_story, "screen test (0,0 96x64 - depth 24" },
   { "no_geometry", { failing ("GetGeometry", XCB_DRAWABLE, 1) }, "FAILED_SETUP: Unsupported depth 0" },
-  { "pixels_of_two_bytes",
-    { { .request = "Setup", .edit = [] (Bytes &reply) { set_bits_per_pixel (reply, 16); } } },
-    "FAILED_SETUP: Unsupported bpp 16" },
+  { "image_cut_short",
+    { failing ("ShmAttach", XCB_ACCESS),
+      { .request = "GetImage", .nth = 1, .edit = [] (Bytes &reply) { reply.resize (32); } } },
+    NO_ATTACH "whole black; 2" },
+  { "pixels_of_two_bytes", { pixel_format (16) }, "FAILED_SETUP: Unsupported bpp 16" },
+  { "pixels_of_five_bytes", { pixel_format (40) }, "FAILED_SETUP: Unsupported bpp 40" },
+  { "scanlines_of_no_unit", { pixel_format (32, 0) }, "FAILED_SETUP: Unsupported scanline pad 0" },
+  { "screens_that_were_not_sent",
+    { { .request = "Setup", .patch = { X_FIELD (xcb_setup_t, roots_len, 255) } } },
+    "FAILED_SETUP: Unable to get default screen" },
   { "no_format_for_depth",
     { { .request = "GetGeometry", .patch = { X_FIELD (xcb_get_geometry_reply_t, depth, 29) } } },
     "FAILED_SETUP: Unable to get format for depth" },
@@ -258,6 +279,32 @@ TEST (ReaderFaultTest, FallsBackAndTellsTheHostWhatToDo)
                    || log.contains (domain, G_LOG_LEVEL_INFO, row.line))
         << log.dump ();
     }
+}
+
+TEST (ReaderFaultTest, ShowsInTheNextFrameWhatAFailedGrabHadCopied)
+{
+  XServer server (XServer::XVFB, { "-screen", "0", "96x64x24" });
+  Painter painter (server.display ());
+  FaultProxy proxy (server.display ());
+  TestReader reader (proxy.display ());
+
+  ASSERT_TRUE (reader.setup () && reader.configure () && reader.grab ()) << reader.failure;
+  for (uint32_t colour : { 1, 2, 3 }) /* so that storage is used again */
+    {
+      painter.fill (0, 60, 1, 1, colour);
+      ASSERT_TRUE (reader.grab_change ()) << reader.failure;
+    }
+
+  proxy.add (failing ("CopyArea", XCB_ALLOC, 2));
+  painter.fill (0, 0, 20, 10, 0x336699);
+  painter.fill (50, 40, 20, 10, 0x336699);
+  EXPECT_FALSE (reader.grab_change ());
+  EXPECT_TRUE (reader.failure.starts_with ("SHM_FAILED")) << reader.failure;
+
+  painter.fill (50, 40, 20, 10, 0x996633);
+  const Frame frame = reader.grab_change ();
+  ASSERT_TRUE (frame) << reader.failure;
+  EXPECT_EQ (pixels_of (frame.get ()), painter.image (0, 0, 96, 64));
 }
 
 TEST (ReaderFaultTest, TakesAnAreaThatBeginsLeftOfTheScreen)
@@ -313,7 +360,8 @@ TEST (ReaderFaultTest, IsWokenByAConfigureNotifyAndNotByAnXError)
 {
   XServer server (XServer::XVFB, { "-screen", "0", "96x64x24" });
   FaultProxy proxy (server.display ());
-  const uint8_t configure_notify[32] = { XCB_CONFIGURE_NOTIFY | 0x80 };
+  const XcbClient client (server.display ());
+  const uint8_t randr_event = xcb_get_extension_data (client.conn, &xcb_randr_id)->first_event;
 
   for (const bool waits : { true, false })
     {
@@ -331,22 +379,58 @@ TEST (ReaderFaultTest, IsWokenByAConfigureNotifyAndNotByAnXError)
       ASSERT_TRUE (reader.grab ()) << reader.failure;
       EXPECT_TRUE (log.contains (domain, G_LOG_LEVEL_DEBUG, "Ignoring X error 3")) << log.dump ();
 
-      if (waits)
-        {
-          proxy.insert (proxy.clients () - 1, configure_notify, sizeof configure_notify);
-          EXPECT_FALSE (reader.grab ());
-          EXPECT_EQ (reader.failure, "NEEDS_RECONFIGURE: Root window reconfigured");
-        }
+      for (const uint8_t type : { XCB_CONFIGURE_NOTIFY, int (randr_event) })
+        if (waits)
+          {
+            const uint8_t client_message[32] = { XCB_CLIENT_MESSAGE }, event[32] = { uint8_t (type | 0x80) };
+            proxy.insert (proxy.clients () - 1, client_message, sizeof client_message);
+            proxy.insert (proxy.clients () - 1, event, sizeof event);
+            EXPECT_FALSE (reader.grab ());
+            EXPECT_EQ (reader.failure, "NEEDS_RECONFIGURE: Root window reconfigured");
+          }
     }
 }
 
-TEST (ReaderFaultTest, LeavesNoServerGrabWhenItsProcessIsKilledInsideOne)
+#ifndef __SANITIZE_ADDRESS__ /* whose memory no limit can be set to */
+TEST (ReaderFaultTest, TellsThatThereIsNoMemory)
+{
+  static const std::tuple<bool, bool, const char *> rows[] = {
+    { true, false, "FAILED: Failed to get shm image data" },
+    { true, true, "FAILED: Failed to allocate frame buffer" },
+    { false, true, "FAILED: Failed to allocate frame buffer" },
+  };
+  XServer server (XServer::XVFB, { "-screen", "0", "4000x4000x24" });
+
+  for (const auto &[has_shm, is_configured, failure] : rows)
+    {
+      LogRecorder log (G_LOG_LEVEL_ERROR);
+      FaultProxy proxy (server);
+      if (!has_shm)
+        proxy.hide_extension ("MIT-SHM");
+      TestReader reader (proxy.display ());
+      ASSERT_TRUE (reader.setup () && (!is_configured || reader.configure ())) << reader.failure;
+
+      gsize n_pages = 0;
+      std::ifstream ("/proc/self/statm") >> n_pages;
+      rlimit before;
+      getrlimit (RLIMIT_AS, &before);
+      const rlimit limit = { n_pages * sysconf (_SC_PAGESIZE) + (32 << 20), before.rlim_max };
+      setrlimit (RLIMIT_AS, &limit);
+      EXPECT_FALSE ((is_configured || reader.configure ()) && reader.grab ());
+      setrlimit (RLIMIT_AS, &before);
+      EXPECT_EQ (reader.failure, failure);
+      EXPECT_TRUE (reader.configure () && reader.grab ()) << reader.failure;
+    }
+}
+#endif
+
+TEST (ReaderFaultTest, LeavesNeitherGrabNorSegmentWhenItsProcessIsKilled)
 {
   XServer server (XServer::XVFB, { "-screen", "0", "96x64x24" });
   FaultProxy proxy (server.display ());
   XcbClient observer (server.display ());
 
-  for (const char *request : { "DamageSubtract", "CopyArea" })
+  for (const char *request : { "ShmAttach", "DamageSubtract", "CopyArea" })
     {
       SCOPED_TRACE (request);
       std::atomic<pid_t> child = 0;
@@ -363,7 +447,7 @@ TEST (ReaderFaultTest, LeavesNoServerGrabWhenItsProcessIsKilledInsideOne)
       waitpid (child, &status, 0);
       EXPECT_TRUE (WIFSIGNALED (status) && WTERMSIG (status) == SIGKILL) << "status " << status;
       EXPECT_GE (proxy.hits (rule), 1u);
-      EXPECT_TRUE (wait_until ([&] { return observer.round_trip (1000); }));
+      EXPECT_TRUE (wait_until ([&] { return observer.round_trip (1000) && count_segments (child) == 0; }));
       proxy.clear ();
     }
 }
@@ -387,7 +471,7 @@ protected:
 
   PackedPixelsTest ()
   {
-    proxy.add ({ .request = "Setup", .edit = [] (Bytes &reply) { set_bits_per_pixel (reply, 24); } });
+    proxy.add (pixel_format (24));
     proxy.add ({ .request = "ShmAttach", .when = [this] (const Bytes &request) {
                   segment = static_cast<uint8_t *> (
                     shmat (as<xcb_shm_attach_request_t> (request.data ())->shmid, nullptr, 0));

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h> /* before Xlib, which defines None */
 
 #include <algorithm>
+#include <span>
 
 #include <X11/extensions/XTest.h>
 
@@ -144,6 +145,7 @@ static const PlayCase play_cases[] = {
   { "us", 0, 0, "B1 B3 B0 W1,-3 W1,120 W0,1 W0,-1 W2,1 W1,0", "(1)(3)(4)(5)(7)(6)" },
   { "us", 0, 0, "!+Shift_L aA! ? !-Shift_L ? a1", "aA![50 ][]a1" },
   { "de", 0, 0, "!+ISO_Level3_Shift aA1@ ? !-ISO_Level3_Shift ? a1", "aA1@[92 ][]a1" },
+  { "us", 0, 0, "+Control.L +Alt.L a -Alt.L -Control.L +NumLock -NumLock +NumLock -NumLock", "a" },
   { "us", 0, 0, "#+ #+ +Shift.R +Control.L #- ? #- ? #- ?", "[37 62 ][][]" },
 };
 
@@ -176,40 +178,13 @@ TEST_F (InputTest, PlaysWhatClientsDo)
 
 TEST_F (InputTest, PressesTheKeyOfEachName)
 {
-  static const char *const names[] = { "Enter",
-                                       "Tab",
-                                       "Backspace",
-                                       "Escape",
-                                       "Delete",
-                                       "Insert",
-                                       "Home",
-                                       "End",
-                                       "PageUp",
-                                       "PageDown",
-                                       "ArrowUp",
-                                       "ArrowDown",
-                                       "ArrowRight",
-                                       "PrintScreen",
-                                       "ScrollLock",
-                                       "Pause",
-                                       "ContextMenu",
-                                       "F1",
-                                       "F11",
-                                       "Meta",
-                                       "Alt",
-                                       "Control",
-                                       "Shift",
-                                       "AudioVolumeUp",
-                                       "AudioVolumeMute",
-                                       "BrowserBack",
-                                       "MediaPlayPause",
-                                       "LaunchMail",
-                                       "Undo",
-                                       "Help",
-                                       "Hyper",
-                                       "AltGraph" };
+  g_auto (GStrv) names
+    = g_strsplit ("Enter Tab Backspace Escape Delete Insert Home End PageUp PageDown ArrowUp ArrowDown ArrowRight "
+                  "PrintScreen ScrollLock Pause ContextMenu F1 F11 Meta Alt Control Shift AudioVolumeUp "
+                  "AudioVolumeMute BrowserBack MediaPlayPause LaunchMail Undo Help Hyper AltGraph",
+                  " ", -1);
 
-  for (const char *name : names)
+  for (const char *name : std::span (names, g_strv_length (names)))
     for (int place = 0; place < 4; place++)
       {
         const auto location = RyxInputInjectorKeyLocation (place);
@@ -277,7 +252,7 @@ TEST_F (InputTest, TypesAStreamUntilInterrupted)
   EXPECT_EQ (stream.status (), 1);
   EXPECT_EQ (stream.err, "ryxctl: Interrupted\n");
 
-  std::vector<std::string> combos (2000, "Control+Shift+t");
+  std::vector<std::string> combos (20000, "Control+Shift+t");
   combos.insert (combos.begin (), "key");
   CtlRun keys (proxy.display (), combos);
   EXPECT_TRUE (wait_until ([this] { return observer.text ().size () > 100; }));
@@ -336,12 +311,14 @@ static const FaultCase fault_cases[] = {
     "_a ?",
     "a[]",
     "Disabling autorepeat for RYX as OS mode is AutoRepeatModeOff" },
+  { "GetKeyboardControl", 0, {}, "a", "a", "Current system keyboard repeat: <-1>" },
   { "XkbGetNames", 1, {}, "a", "a", "Cannot get keyboard layout: symbols names missing" },
   { "GetAtomName", 0, {}, "a", "a", "Cannot get keyboard layout: error getting symbols name" },
   { "XkbGetState", 0, {}, "a", "", "Failed to get the current keyboard state" },
   { "XkbGetState", 2, {}, "a", "a", "Failed to get the current keyboard state" },
   { "XkbLatchLockState", 3, {}, "дa", "дa", "" },
   { "GetKeyboardMapping", 0, {}, "aé", "a", "Failed to get min and max display keycodes" },
+  { "GetKeyboardMapping", 0, { { 1, 1, 255 } }, "aé", "a", "No space to add keysym eacute to keymap" },
   { "ChangeKeyboardMapping", 0, {}, "aé", "a", "Failed to change keyboard map" },
   { "ChangeKeyboardMapping", 0, {}, "aé", "a", "Unable to add keysym eacute to keymap" },
   { "GetPointerMapping", 0, {}, "B1 a", "a", "Failed to get pointer mapping" },
@@ -370,9 +347,47 @@ TEST_F (InputTest, SaysWhatIsWrongAndLosesNothingElse)
     }
 
   LogRecorder log (G_LOG_LEVEL_ERROR);
+  KeySym none = NoSymbol;
+  for (const int keycode : { 77, 92, 108 }) /* Num Lock and both AltGr */
+    XChangeKeyboardMapping (observer.display, keycode, 1, &none, 1);
+  XSync (observer.display, False);
   injector = create_injector ();
+  for (const char *mask : { "altgr modifier mask from keycode 0", "num lock modifier mask from keycode 0" })
+    EXPECT_TRUE (log.contains ("RYX:x11:input", G_LOG_LEVEL_WARNING, mask)) << log.dump ();
+  proxy.clear ();
+  log.clear ();
+  proxy.add ({ .request = "XkbGetControls", .patch = { { 20, 2, 31 } } });
+  {
+    SettingsScope no_repeat ("com.quorlane.ryx.input", "enable-autorepeat", g_variant_new_boolean (FALSE));
+    GdkDisplayScope fresh (proxy.display ());
+    create_injector ();
+  }
+  EXPECT_FALSE (log.contains (nullptr, G_LOG_LEVEL_INFO, "repeat delay is too small")) << log.dump ();
+  proxy.clear ();
+  proxy.hide_extension ("XKEYBOARD");
+  {
+    GdkDisplayScope without_xkb (proxy.display ());
+    create_injector ();
+  }
+  EXPECT_TRUE (log.contains ("RYX:x11:input", G_LOG_LEVEL_WARNING, "XKB Extension is not supported.")) << log.dump ();
+  EXPECT_FALSE (ryx_input_injector_is_sas_event (injector.get (), "Delete", STANDARD, TRUE));
+  EXPECT_FALSE (ryx_input_injector_is_touch_enabled (injector.get ()));
+  ryx_input_injector_touch_event (injector.get (), 0, nullptr, 0);
   ryx_input_injector_key_event (injector.get (), nullptr, STANDARD, TRUE);
   ryx_input_injector_special_key_event (injector.get (), nullptr, STANDARD, TRUE);
   for (const char *expression : { "'character != NULL'", "'name != NULL'" })
     EXPECT_TRUE (log.contains ("RYX:x11:input", G_LOG_LEVEL_CRITICAL, expression)) << log.dump ();
+}
+
+TEST (InjectorTest, OutlivesItsDisplay)
+{
+  XServer server (XServer::XVFB);
+  TestInjector injector;
+  {
+    GdkDisplayScope gdk (server.display ());
+    injector = create_injector ();
+  }
+  ryx_input_injector_motion_event (injector.get (), 1, 2, TRUE);
+  ryx_input_injector_button_event (injector.get (), 1, TRUE);
+  ryx_input_injector_special_key_event (injector.get (), "Enter", STANDARD, TRUE);
 }

@@ -1,17 +1,11 @@
 #!/usr/bin/env bash
-# Installs into a prefix of its own, builds the README's host there with pkg-config alone, and captures a frame with it.
+# Installs into a prefix of its own, builds the README's host there with pkg-config alone, and captures a frame with it;
+# the host in Python captures the same.
 # Arguments: the source folder.
 set -euo pipefail
 source=$1
 scratch=$(mktemp -d)
-server=
-
-cleanup ()
-{
-  [ -z "$server" ] || kill "$server" 2>/dev/null || true
-  rm -rf "$scratch"
-}
-trap cleanup EXIT
+trap 'rm -rf "$scratch"' EXIT
 
 fail ()
 {
@@ -19,7 +13,8 @@ fail ()
   exit 1
 }
 
-meson setup "$scratch/build" "$source" --prefix="$scratch/prefix" -Dtests=false -Dbench=disabled -Doptimization=0 \
+meson setup "$scratch/build" "$source" --prefix="$scratch/prefix" -Dtests=false -Dbench=disabled -Dreference=disabled \
+  -Dintrospection=enabled -Doptimization=0 \
   >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
 meson install -C "$scratch/build" >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
 
@@ -39,14 +34,15 @@ awk '/^```c$/ { on = 1; next } /^```/ { on = 0 } on' "$source/README.md" >"$scra
 # shellcheck disable=SC2046
 cc -std=c11 -Wall -Wextra -Werror "$scratch/host.c" -o "$scratch/host" $(pkg-config --cflags --libs ryx-1)
 
-mkfifo "$scratch/display"
-Xvfb -displayfd 3 -screen 0 320x200x24 -nolisten tcp 3>"$scratch/display" >"$scratch/log" 2>&1 &
-server=$!
-read -r -t 20 display <"$scratch/display" || fail "$(cat "$scratch/log")"
-export DISPLAY=:$display
-
+GI_TYPELIB_PATH=$(dirname "$(find "$scratch/prefix" -name Ryx-1.typelib)")
+export scratch source GI_TYPELIB_PATH
+"$source/tests/support/on-xvfb" bash -euo pipefail <<'HOSTS'
 "$scratch/host" >"$scratch/screen.ppm"
+"$source/docs/capture.py" >"$scratch/screen-python.ppm"
+"$scratch/prefix/bin/ryxctl" heads >"$scratch/heads"
+HOSTS
+
 [ "$(head -n 1 "$scratch/screen.ppm")" = "P6 320 200 255" ] || fail "The host's picture begins otherwise"
 [ "$(stat -c %s "$scratch/screen.ppm")" = $((15 + 3 * 320 * 200)) ] || fail "The host's picture is not whole"
-
-"$scratch/prefix/bin/ryxctl" heads | grep -q '320 *200' || fail "The installed ryxctl shows no head"
+cmp "$scratch/screen.ppm" "$scratch/screen-python.ppm"
+grep -q '320 *200' "$scratch/heads" || fail "The installed ryxctl shows no head"

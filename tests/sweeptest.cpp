@@ -168,15 +168,36 @@ static const ReaderCase reader_cases[] = {
 
 class ReaderSweep : public testing::TestWithParam<ReaderCase>
 {
+  SettingsScope dirty{ "com.quorlane.ryx.display", "use-grabber-dirty-region",
+                       g_variant_new_boolean (GetParam ().dirty_region) };
+  SettingsScope pixmaps{ "com.quorlane.ryx.display.linux", "use-shm-pixmaps",
+                         g_variant_new_boolean (GetParam ().shm_pixmaps) };
 };
 
 TEST_P (ReaderSweep, SurvivesEveryFailedRequestAndEveryCut)
 {
-  SettingsScope dirty ("com.quorlane.ryx.display", "use-grabber-dirty-region",
-                       g_variant_new_boolean (GetParam ().dirty_region));
-  SettingsScope pixmaps ("com.quorlane.ryx.display.linux", "use-shm-pixmaps",
-                         g_variant_new_boolean (GetParam ().shm_pixmaps));
   sweep (GetParam ().scenario);
+}
+
+static const FuzzedReply reader_replies[] = {
+  { "Setup", &Fuzz::change_setup },
+  { "QueryExtension" },
+  { "XFixesQueryVersion" },
+  { "RRQueryVersion" },
+  { "ShmQueryVersion" },
+  { "DamageQueryVersion" },
+  { "GetGeometry", &Fuzz::change_area },
+  { "RRGetScreenResources" },
+  { "RRGetCrtcInfo", &Fuzz::change_area },
+  { "RRGetOutputInfo" },
+  { "XFixesFetchRegion" },
+  { "ShmGetImage" },
+  { "GetImage" },
+};
+
+TEST_P (ReaderSweep, FuzzedRepliesAreNotBelieved)
+{
+  fuzz_replies (GetParam ().scenario, { std::begin (reader_replies), std::end (reader_replies) }, 40);
 }
 
 INSTANTIATE_TEST_SUITE_P (Of, ReaderSweep, testing::ValuesIn (reader_cases),
@@ -245,18 +266,34 @@ static const LayoutChange layout_changes[] = {
 
 class LayoutSweep : public testing::TestWithParam<LayoutChange>
 {
+protected:
+  const LayoutChange &change = GetParam ();
+  const SweepScenario scenario
+    = { .name = change.name,
+        .make = [this] (const SweepStage &stage) { return std::make_unique<LayoutSubject> (stage, change); },
+        .on_gdk = true,
+        .kind = XServer::XORG_DUMMY,
+        .arguments = {},
+        .prepare = [this] (const SweepStage &stage) { LayoutObserver (stage.painter).arrange (change.from); } };
 };
 
 TEST_P (LayoutSweep, LeavesOneLayoutWholeWhicheverRequestFails)
 {
-  const LayoutChange &change = GetParam ();
+  sweep (scenario);
+}
 
-  sweep ({ .name = change.name,
-           .make = [&] (const SweepStage &stage) { return std::make_unique<LayoutSubject> (stage, change); },
-           .on_gdk = true,
-           .kind = XServer::XORG_DUMMY,
-           .arguments = {},
-           .prepare = [&] (const SweepStage &stage) { LayoutObserver (stage.painter).arrange (change.from); } });
+TEST_P (LayoutSweep, FuzzedRepliesAreNotBelieved)
+{
+  fuzz_replies (scenario,
+                { { "RRQueryVersion" },
+                  { "RRGetScreenResources" },
+                  { "RRGetCrtcInfo" },
+                  { "RRGetOutputInfo" },
+                  { "RRSetCrtcConfig" },
+                  { "RRGetScreenSizeRange" },
+                  { "RRCreateMode" },
+                  { "GetGeometry" } },
+                20);
 }
 
 INSTANTIATE_TEST_SUITE_P (Of, LayoutSweep, testing::ValuesIn (layout_changes),
@@ -338,3 +375,18 @@ TEST_P (ScenarioSweep, SurvivesEveryFailedRequestAndEveryCut)
 
 INSTANTIATE_TEST_SUITE_P (Of, ScenarioSweep, testing::ValuesIn (scenarios),
                           [] (const auto &info) { return std::string (info.param.name); });
+
+/* Xlib reads most of the injector's replies, and goes by their counts as they come: it waits for what is not sent, or
+ * writes behind its memory. So these lie about other values only. */
+static const std::vector<FuzzedReply> gdk_replies[] = {
+  { { "RRQueryVersion" }, { "RRGetScreenResources" }, { "RRGetCrtcInfo" }, { "RRGetOutputInfo" }, { "GetGeometry" } },
+  { { "GetKeyboardMapping" },
+    { "XkbGetControls", &Fuzz::change_values },
+    { "GetKeyboardControl", &Fuzz::change_values },
+    { "GetPointerMapping", &Fuzz::change_values } },
+};
+
+TEST_P (ScenarioSweep, FuzzedRepliesAreNotBelieved)
+{
+  fuzz_replies (GetParam (), gdk_replies[strcmp (GetParam ().name, "enumerate") != 0], 40);
+}

@@ -88,7 +88,7 @@ configure (RyxFrameBufferReader *reader, GError **error)
 }
 
 /* A screen that changes all the time asks for a configuration now and then; one that never gives a frame is broken. */
-static constexpr guint MAX_CONFIGURATIONS_IN_A_ROW = 50;
+static constexpr guint max_configurations_in_a_row = 50;
 
 /* Returns FALSE when the capture ended by itself, with @error set if that was a failure. */
 gboolean
@@ -114,7 +114,7 @@ CaptureThread::capture (GError **error)
           continue;
         }
 
-      needs_configuration = asks_for_configuration (grab_error) && n_configurations++ < MAX_CONFIGURATIONS_IN_A_ROW;
+      needs_configuration = asks_for_configuration (grab_error) && n_configurations++ < max_configurations_in_a_row;
       if (!needs_configuration
           && !g_error_matches (grab_error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_EMPTY_FRAME))
         {

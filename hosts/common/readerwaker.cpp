@@ -62,6 +62,11 @@ ReaderWaker::connect (GError **error)
   auto screens = xcb_setup_roots_iterator (xcb_get_setup (connection->conn));
   while (screen_number-- > 0 && screens.rem > 1)
     xcb_screen_next (&screens);
+  if (screens.rem == 0)
+    {
+      g_set_error_literal (error, G_IO_ERROR, G_IO_ERROR_FAILED, "The display has no screen");
+      return nullptr;
+    }
 
   const xcb_rectangle_t origin = { 0, 0, 1, 1 };
   connection->root = screens.data->root;

@@ -10,14 +10,14 @@
 #include "json.h"
 #include "picture.h"
 
-static constexpr gint64 NO_FRAMES_GIVEN = G_MININT64;
-static constexpr gdouble NO_SECONDS_GIVEN = -G_MAXDOUBLE;
+static constexpr gint64 no_frames_given = G_MININT64;
+static constexpr gdouble no_seconds_given = -G_MAXDOUBLE;
 
 struct CaptureArguments
 {
   gint64 output_id = 0;
-  gint64 frames = NO_FRAMES_GIVEN;
-  gdouble seconds = NO_SECONDS_GIVEN;
+  gint64 frames = no_frames_given;
+  gdouble seconds = no_seconds_given;
   gint64 block_size = 64;
   gint64 refine = 0;
   gchar *png = nullptr;
@@ -65,10 +65,10 @@ check_arguments (const CaptureArguments *arguments, GError **error)
   if (!check_range ("output", arguments->output_id, 0, G_MAXUINT32, error)
       || !check_range ("block-size", arguments->block_size, 1, G_MAXUINT16, error)
       || !check_range ("refine", arguments->refine, -1, G_MAXINT32, error)
-      || (arguments->frames != NO_FRAMES_GIVEN && !check_range ("frames", arguments->frames, 1, G_MAXINT64, error)))
+      || (arguments->frames != no_frames_given && !check_range ("frames", arguments->frames, 1, G_MAXINT64, error)))
     return FALSE;
 
-  if (arguments->seconds != NO_SECONDS_GIVEN && !(arguments->seconds > 0 && arguments->seconds <= 1e6))
+  if (arguments->seconds != no_seconds_given && !(arguments->seconds > 0 && arguments->seconds <= 1e6))
     return set_usage_error (error, "capture: --seconds must be above 0 and at most 1000000, not %g",
                             arguments->seconds);
   if (arguments->png && arguments->frames != 1 && !has_frame_number (arguments->png))
@@ -104,7 +104,7 @@ parse_arguments (const Command *command, gchar ***argv, CaptureArguments *argume
     return FALSE;
 
   const bool is_bounded
-    = arguments->frames != NO_FRAMES_GIVEN || arguments->seconds != NO_SECONDS_GIVEN || arguments->y4m;
+    = arguments->frames != no_frames_given || arguments->seconds != no_seconds_given || arguments->y4m;
   if (!is_bounded)
     arguments->frames = 1;
   if (arguments->frames == 1 && !arguments->png && !arguments->y4m)
@@ -154,9 +154,6 @@ public:
   gboolean
   run (GError **error)
   {
-    if (arguments->y4m && !recording.open (arguments->y4m, error))
-      return FALSE;
-
     const CaptureOptions options = {
       .screen_name = "ryxctl",
       .output_id = static_cast<guint32> (arguments->output_id),
@@ -215,9 +212,12 @@ private:
         if (!picture || !save_png (picture, file, error))
           return FALSE;
       }
+    /* Only a capture that works replaces what was in the file. */
+    if (arguments->y4m && number == 0 && !recording.open (arguments->y4m, error))
+      return FALSE;
     if (arguments->y4m && !recording.add (frame, error))
       return FALSE;
-    return arguments->frames == NO_FRAMES_GIVEN || number + 1 < static_cast<guint64> (arguments->frames);
+    return arguments->frames == no_frames_given || number + 1 < static_cast<guint64> (arguments->frames);
   }
 
   void

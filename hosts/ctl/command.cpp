@@ -1,29 +1,21 @@
 #include "command.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include <gdk/gdk.h>
 #include <glib-unix.h>
 
 GlobalOptions global_options;
-
-GQuark
-ctl_error_quark (void)
-{
-  return g_quark_from_static_string ("ctl-error-quark");
-}
 
 gboolean
 set_usage_error (GError **error, const gchar *format, ...)
 {
   va_list args;
   va_start (args, format);
-  g_autofree gchar *text = g_strdup_vprintf (format, args);
+  g_propagate_error (error, g_error_new_valist (PROGRAM_ERROR, EXIT_USAGE, format, args));
   va_end (args);
-
-  g_set_error_literal (error, CTL_ERROR, EXIT_USAGE, text);
   return FALSE;
 }
 
@@ -92,46 +84,9 @@ parse_options_only (const Command *command, const GOptionEntry *entries, gchar *
 }
 
 gboolean
-load_modules (GError **error)
-{
-  g_autoptr (GError) load_error = nullptr;
-
-  ryx_host_register ();
-  if (ryx_host_load_modules (global_options.module_dir, &load_error) > 0)
-    return TRUE;
-
-  g_set_error_literal (error, CTL_ERROR, EXIT_UNAVAILABLE, load_error->message);
-  return FALSE;
-}
-
-gboolean
 open_session (GError **error)
 {
-  int argc = 0;
-  char **argv = nullptr;
-
-  if (!load_modules (error))
-    return FALSE;
-
-  /* Readers open connections of their own to the display that the environment names. */
-  if (global_options.display)
-    g_setenv ("DISPLAY", global_options.display, TRUE);
-
-  gdk_parse_args (&argc, &argv);
-  GdkDisplay *display = gdk_display_open (nullptr);
-  if (display)
-    {
-      gdk_display_manager_set_default_display (gdk_display_manager_get (), display);
-      return TRUE;
-    }
-
-  const gchar *name = g_getenv ("DISPLAY");
-  if (name && *name)
-    g_set_error (error, CTL_ERROR, EXIT_UNAVAILABLE, "Cannot open display \"%s\"", name);
-  else
-    g_set_error_literal (error, CTL_ERROR, EXIT_UNAVAILABLE,
-                         "No display to open: DISPLAY is not set and --display was not given");
-  return FALSE;
+  return load_modules (global_options.module_dir, error) && open_display (global_options.display, error);
 }
 
 gboolean
@@ -148,6 +103,14 @@ InterruptibleLoop::InterruptibleLoop ()
     : loop (g_main_loop_new (nullptr, FALSE)), sources{ g_unix_signal_add (SIGINT, on_signal, this),
                                                         g_unix_signal_add (SIGTERM, on_signal, this) }
 {
+  /* A second one ends the program, whatever it waits for: a server that hangs is not waited for in the loop. */
+  for (int number : { SIGINT, SIGTERM })
+    {
+      struct sigaction action;
+      sigaction (number, nullptr, &action);
+      action.sa_flags |= SA_RESETHAND;
+      sigaction (number, &action, nullptr);
+    }
 }
 
 InterruptibleLoop::~InterruptibleLoop ()

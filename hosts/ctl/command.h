@@ -4,6 +4,8 @@
 
 #include <ryx/ryx.h>
 
+#include "program.h"
+
 /* What every command line may hold, before the command's name or behind it. */
 struct GlobalOptions
 {
@@ -16,19 +18,6 @@ struct GlobalOptions
 };
 
 extern GlobalOptions global_options;
-
-/* What the program's exit status tells. */
-enum ExitStatus
-{
-  EXIT_DONE = 0,
-  EXIT_FAILED = 1,
-  EXIT_USAGE = 2,
-  EXIT_UNAVAILABLE = 3,
-};
-
-/* Errors that end the program with another status than EXIT_FAILED; the code is that status. */
-#define CTL_ERROR (ctl_error_quark ())
-GQuark ctl_error_quark (void);
 
 struct Command
 {
@@ -53,28 +42,14 @@ gboolean parse_options_only (const Command *command, const GOptionEntry *entries
 /* The option group with GlobalOptions. */
 GOptionGroup *make_global_option_group (void);
 
-/* Registers the host and loads the modules. */
-gboolean load_modules (GError **error);
-
-/* Also opens the display and makes it GDK's default. */
+/* Loads the modules, opens the display, and makes it GDK's default. */
 gboolean open_session (GError **error);
 
 /* FALSE with @error set when something printed so far was lost. */
 gboolean flush_standard_output (GError **error);
 
-/* Always FALSE, with a CTL_ERROR of EXIT_USAGE. */
+/* Always FALSE, with a PROGRAM_ERROR of EXIT_USAGE. */
 gboolean set_usage_error (GError **error, const gchar *format, ...) G_GNUC_PRINTF (2, 3);
-
-/* While it lives, log lines wait. A terminal on the display can't take them while the server is grabbed, and a full one
- * would hold up the grab. */
-class LogDelay
-{
-public:
-  LogDelay ();
-  ~LogDelay ();
-  LogDelay (const LogDelay &) = delete;
-  LogDelay &operator= (const LogDelay &) = delete;
-};
 
 /* A main loop that also ends by SIGINT and SIGTERM. */
 class InterruptibleLoop

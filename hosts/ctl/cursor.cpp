@@ -39,11 +39,11 @@ print_cursor (RyxCursor *cursor, guint x, guint y)
 }
 
 static GdkPixbuf *
-make_cursor_picture (RyxCursor *cursor)
+make_cursor_picture (RyxCursor *cursor, GError **error)
 {
   const guint width = ryx_cursor_get_width (cursor), height = ryx_cursor_get_height (cursor);
   const auto *argb = static_cast<const guint8 *> (g_bytes_get_data (ryx_cursor_get_pixels (cursor), nullptr));
-  GdkPixbuf *picture = gdk_pixbuf_new (GDK_COLORSPACE_RGB, TRUE, 8, width, height);
+  GdkPixbuf *picture = new_picture (TRUE, width, height, error);
 
   for (guint y = 0; picture && y < height; y++)
     {
@@ -143,14 +143,8 @@ private:
   bool
   write_picture (RyxCursor *cursor)
   {
-    g_autoptr (GdkPixbuf) picture = make_cursor_picture (cursor);
-    if (!picture)
-      {
-        g_set_error (&failure, G_IO_ERROR, G_IO_ERROR_FAILED, "There is no memory for a picture of %ux%u",
-                     ryx_cursor_get_width (cursor), ryx_cursor_get_height (cursor));
-        return FALSE;
-      }
-    return save_png (picture, png, &failure);
+    g_autoptr (GdkPixbuf) picture = make_cursor_picture (cursor, &failure);
+    return picture && save_png (picture, png, &failure);
   }
 
   InterruptibleLoop loop;

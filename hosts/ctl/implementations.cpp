@@ -29,7 +29,7 @@ add_extension_to_json (JsonBuilder *json, const gchar *point, GIOExtension *exte
 static gboolean
 run_implementations (const Command *command, gchar ***argv, GError **error)
 {
-  if (!parse_options_only (command, nullptr, argv, error) || !load_modules (error))
+  if (!parse_options_only (command, nullptr, argv, error) || !load_modules (global_options.module_dir, error))
     return FALSE;
 
   g_autoptr (JsonBuilder) json = json_builder_new ();

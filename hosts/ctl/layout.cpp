@@ -2,6 +2,8 @@
 
 #include <csignal>
 
+#include "log.h"
+
 /* What X can tell of a size and of a position. */
 static const guint64 max_size = 65535;
 static const guint64 max_position = 32767;

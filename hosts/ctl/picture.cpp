@@ -7,6 +7,16 @@
 
 #include "command.h"
 
+GdkPixbuf *
+new_picture (gboolean has_alpha, guint width, guint height, GError **error)
+{
+  GdkPixbuf *picture = gdk_pixbuf_new (GDK_COLORSPACE_RGB, has_alpha, 8, width, height);
+
+  if (!picture)
+    g_set_error (error, G_IO_ERROR, G_IO_ERROR_FAILED, "There is no memory for a picture of %ux%u", width, height);
+  return picture;
+}
+
 static void
 convert_row (const guint8 *source, guint8 *rgb, guint width, guint pixel_size)
 {
@@ -44,13 +54,10 @@ make_picture (RyxCapturedFrame *frame, gboolean show_map, GError **error)
   RyxFrameData *data = ryx_captured_frame_get_frame_data (frame);
   const guint width = ryx_frame_data_get_width (data), height = ryx_frame_data_get_height (data);
   const guint8 *source = ryx_frame_data_get_data (data);
-  GdkPixbuf *picture = gdk_pixbuf_new (GDK_COLORSPACE_RGB, FALSE, 8, width, height);
+  GdkPixbuf *picture = new_picture (FALSE, width, height, error);
 
   if (!picture)
-    {
-      g_set_error (error, G_IO_ERROR, G_IO_ERROR_FAILED, "No memory for a picture of %ux%u", width, height);
-      return nullptr;
-    }
+    return nullptr;
 
   for (guint y = 0; y < height; y++)
     convert_row (source + y * ryx_frame_data_get_stride (data),
@@ -138,7 +145,7 @@ convert_to_planes (RyxFrameData *data, std::vector<guint8> *planes)
 gboolean
 Y4mRecording::write_until (gint64 now, GError **error)
 {
-  const gint64 n_due = (now - start) * FRAMES_PER_SECOND / G_USEC_PER_SEC;
+  const gint64 n_due = (now - start) * frames_per_second / G_USEC_PER_SEC;
 
   for (; n_written < n_due; n_written++)
     if (fputs ("FRAME\n", stream) == EOF || fwrite (planes.data (), 1, planes.size (), stream) != planes.size ())
@@ -156,7 +163,7 @@ Y4mRecording::add (RyxCapturedFrame *frame, GError **error)
       start = ryx_captured_frame_get_timestamp (frame);
       width = ryx_frame_data_get_width (data);
       height = ryx_frame_data_get_height (data);
-      if (fprintf (stream, "YUV4MPEG2 W%u H%u F%u:1 Ip A1:1 C444\n", width, height, FRAMES_PER_SECOND) < 0)
+      if (fprintf (stream, "YUV4MPEG2 W%u H%u F%u:1 Ip A1:1 C444\n", width, height, frames_per_second) < 0)
         return write_error (error);
     }
   else if (width != ryx_frame_data_get_width (data) || height != ryx_frame_data_get_height (data))
@@ -177,9 +184,12 @@ gboolean
 Y4mRecording::finish (gint64 now, GError **error)
 {
   /* At least one picture for the last frame, however short its time. */
-  const gint64 slot = G_USEC_PER_SEC / FRAMES_PER_SECOND;
+  const gint64 slot = G_USEC_PER_SEC / frames_per_second;
   if (width != 0 && !write_until (MAX (now, start + (n_written + 1) * slot), error))
     return FALSE;
+
+  if (!stream)
+    return TRUE; /* no frame came */
 
   FILE *closing = stream;
   stream = nullptr;

@@ -6,6 +6,9 @@
 #include <gdk-pixbuf/gdk-pixbuf.h>
 #include <ryx/ryx.h>
 
+/* A new picture, its pixels not set; NULL with @error set when there is no memory for them. */
+GdkPixbuf *new_picture (gboolean has_alpha, guint width, guint height, GError **error);
+
 /* The frame's pixels, new. With @show_map the changed blocks are tinted. NULL with @error set when there is no memory
  * for them. */
 GdkPixbuf *make_picture (RyxCapturedFrame *frame, gboolean show_map, GError **error);
@@ -17,7 +20,7 @@ gboolean save_png (GdkPixbuf *picture, const gchar *file, GError **error);
 class Y4mRecording
 {
 public:
-  static constexpr guint FRAMES_PER_SECOND = 25;
+  static constexpr guint frames_per_second = 25;
 
   Y4mRecording () = default;
   ~Y4mRecording ();

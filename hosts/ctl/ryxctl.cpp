@@ -1,50 +1,14 @@
 #include <clocale>
 #include <cstdio>
-#include <utility>
 
 #include "commands.h"
+#include "log.h"
 
 static const Command *const commands[] = {
   &implementations_command, &heads_command, &layout_command, &capture_command,
   &cursor_command,          &type_command,  &key_command,    &motion_command,
   &button_command,          &wheel_command,
 };
-
-static GLogLevelFlags
-get_least_level ()
-{
-  if (global_options.debug)
-    return G_LOG_LEVEL_DEBUG;
-  return global_options.verbose ? G_LOG_LEVEL_INFO : G_LOG_LEVEL_WARNING;
-}
-
-/* Lines that wait; NULL: none has to. */
-static GString *delayed_log;
-
-LogDelay::LogDelay ()
-{
-  delayed_log = g_string_new (nullptr);
-}
-
-LogDelay::~LogDelay ()
-{
-  g_printerr ("%s", delayed_log->str);
-  g_string_free (std::exchange (delayed_log, nullptr), TRUE);
-}
-
-/* Lower levels weigh more; standard output belongs to the results. */
-static void
-print_log (const gchar *domain, GLogLevelFlags level, const gchar *message, gpointer)
-{
-  if ((level & G_LOG_LEVEL_MASK) > static_cast<int> (get_least_level ()))
-    return;
-
-  g_autofree gchar *line = g_strdup_printf ("%s: %s\n", domain ? domain : "ryxctl", message);
-  if (delayed_log && !(level & G_LOG_FLAG_FATAL))
-    g_string_append (delayed_log, line);
-  else
-    g_printerr ("%s", line);
-}
 
 static gchar *
 describe_commands ()
@@ -106,13 +70,13 @@ main (int, char **arguments)
   g_auto (GStrv) argv = g_strdupv (arguments);
 
   setlocale (LC_ALL, "");
-  g_log_set_default_handler (print_log, nullptr);
+  set_up_log ();
 
   if (run_command (&argv, &error) && flush_standard_output (&error))
     return EXIT_DONE;
 
   g_printerr ("ryxctl: %s\n", error->message);
-  if (g_error_matches (error, CTL_ERROR, EXIT_USAGE))
+  if (g_error_matches (error, PROGRAM_ERROR, EXIT_USAGE))
     g_printerr ("Try “ryxctl --help”.\n");
-  return error->domain == CTL_ERROR ? error->code : static_cast<int> (EXIT_FAILED);
+  return get_exit_status (error);
 }

@@ -27,7 +27,7 @@ get_control_key (gunichar character)
   return nullptr;
 }
 
-static const gunichar INVALID = -1, INCOMPLETE = -2; /* as GLib says it */
+static const gunichar invalid = -1, incomplete = -2; /* as GLib says it */
 
 static gunichar
 read_character (const gchar *text, gsize length)
@@ -38,7 +38,7 @@ read_character (const gchar *text, gsize length)
 static gboolean
 check_character (gunichar character, guint64 position, GError **error)
 {
-  if (character == INVALID || character == INCOMPLETE)
+  if (character == invalid || character == incomplete)
     {
       g_set_error (error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA,
                    "type: the text is not valid UTF-8 at byte %" G_GUINT64_FORMAT, position);
@@ -73,7 +73,7 @@ public:
         const auto *text = reinterpret_cast<const gchar *> (pending->data) + n_typed;
         const gunichar character = read_character (text, pending->len - n_typed);
 
-        if (character == INCOMPLETE) /* the rest of it is still to come */
+        if (character == incomplete) /* the rest of it is still to come */
           break;
         if (!check_character (character, n_bytes + n_typed, error))
           return FALSE;
@@ -89,7 +89,7 @@ public:
   gboolean
   finish (GError **error)
   {
-    return session->check_interruption (error) && (pending->len == 0 || check_character (INCOMPLETE, n_bytes, error));
+    return session->check_interruption (error) && (pending->len == 0 || check_character (incomplete, n_bytes, error));
   }
 
 private:

@@ -40,25 +40,13 @@ G_DEFINE_DYNAMIC_TYPE_EXTENDED (
 static gboolean
 probe_randr (xcb_connection_t *conn)
 {
-  if (!conn || !find_extension (conn, &xcb_randr_id))
-    {
-      g_warning ("RandR extension not available");
-      return FALSE;
-    }
+  g_autoptr (GError) error = nullptr;
 
-  auto [reply, x_error] = await_reply (conn, xcb_randr_query_version (conn, 1, 2), xcb_randr_query_version_reply);
-  if (!reply || x_error)
-    {
-      g_warning ("Failed to get RandR version");
-      return FALSE;
-    }
+  if (require_randr_1_2 (conn, &error))
+    return TRUE;
 
-  if (!is_randr_1_2 (*reply))
-    {
-      g_warning ("RandR version is too old (%d.%d, 1.2 required)", reply->major_version, reply->minor_version);
-      return FALSE;
-    }
-  return TRUE;
+  g_warning ("%s", error->message);
+  return FALSE;
 }
 
 static void
@@ -126,22 +114,20 @@ add_output_heads (xcb_connection_t *conn, xcb_window_t root, GPtrArray *heads, G
   if (!resources)
     return set_x_error (error, G_IO_ERROR, G_IO_ERROR_FAILED, x_error, "Failed to get screen resources");
 
-  const int n_crtcs = xcb_randr_get_screen_resources_crtcs_length (resources.get ());
-  const xcb_randr_crtc_t *crtcs = xcb_randr_get_screen_resources_crtcs (resources.get ());
-  g_debug ("Detected %d CRTCs", n_crtcs);
+  const auto crtcs = get_crtcs (resources.get ());
+  g_debug ("Detected %u CRTCs", static_cast<guint> (crtcs.size ()));
 
   g_autoptr (GArray) displays = g_array_new (FALSE, FALSE, sizeof (DisplayInfo));
   g_array_set_clear_func (displays, clear_display_info);
 
-  for (int i = 0; i < n_crtcs; i++)
+  for (const xcb_randr_crtc_t id : crtcs)
     {
-      auto crtc = await_reply (conn, xcb_randr_get_crtc_info (conn, crtcs[i], 0), xcb_randr_get_crtc_info_reply).reply;
+      auto crtc = await_reply (conn, xcb_randr_get_crtc_info (conn, id, 0), xcb_randr_get_crtc_info_reply).reply;
       if (!crtc)
         continue;
 
-      const xcb_randr_output_t *outputs = xcb_randr_get_crtc_info_outputs (crtc.get ());
-      for (int j = 0; j < xcb_randr_get_crtc_info_outputs_length (crtc.get ()); j++)
-        add_display_info (conn, crtc.get (), outputs[j], displays);
+      for (const xcb_randr_output_t output : get_crtc_outputs (crtc.get ()))
+        add_display_info (conn, crtc.get (), output, displays);
     }
 
   add_heads (displays, heads);

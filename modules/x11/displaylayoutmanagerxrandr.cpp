@@ -1,26 +1,10 @@
 #define G_LOG_DOMAIN "RYX:x11:display"
 
-#include "displaylayoutmanagerxrandr.h"
+#include "displaylayoutmanagerxrandr-private.h"
 
-#include <algorithm>
-#include <span>
-#include <string>
-#include <type_traits>
 #include <utility>
-#include <vector>
 
-#include <locale.h>
-#include <stdio.h>
-#include <string.h>
-
-#include <xcb/randr.h>
-
-#include "cvt.h"
 #include "gdkdisplay.h"
-#include "xcbreply.h"
-
-/* Domain and code of nearly every error here. */
-#define GENERIC_ERROR RYX_DISPLAY_LAYOUT_MANAGER_ERROR, RYX_DISPLAY_LAYOUT_MANAGER_ERROR_GENERIC
 
 static const uint32_t min_screen_width = 640;
 static const uint32_t min_screen_height = 480;
@@ -28,10 +12,6 @@ static const uint32_t max_head_size = 4096; /* in each direction */
 static const uint32_t size_granularity = 8;
 static const double millimetres_per_inch = 25.4;
 static const double assumed_dpi = 96.0;
-
-/* Marks the modes that this module made. They name their output, and serve no other. */
-#define OWN_MODE_SUFFIX "_ryx"
-#define OWN_MODE_FORMAT "%ux%u_%f-%u" OWN_MODE_SUFFIX
 
 struct _RyxDisplayLayoutManagerXrandr
 {
@@ -47,27 +27,6 @@ G_DEFINE_DYNAMIC_TYPE_EXTENDED (RyxDisplayLayoutManagerXrandr, ryx_display_layou
                                 RYX_TYPE_DISPLAY_LAYOUT_MANAGER, 0,
                                 G_IMPLEMENT_INTERFACE_DYNAMIC (G_TYPE_INITABLE,
                                                                ryx_display_layout_manager_xrandr_initable_iface_init))
-
-using ScreenResources = xcb_randr_get_screen_resources_reply_t;
-using CrtcInfo = xcb_randr_get_crtc_info_reply_t;
-using OutputInfo = xcb_randr_get_output_info_reply_t;
-
-/* A CRTC that drives at least one output: as it is, or as a request wants it. */
-struct PhysicalMonitorInfo
-{
-  RyxRect rect; /* pixels; x and y are sign-extended 16-bit positions */
-  XcbReply<CrtcInfo> crtc_info_r;
-  const xcb_randr_output_t *randr_outputs; /* in crtc_info_r; the first one is configured */
-  size_t crtc_index;                       /* in the screen's list of CRTCs */
-  uint32_t mode_id;                        /* 0: none was found */
-  uint32_t fallback_mode_id;               /* 0: none */
-};
-
-struct NamedMode
-{
-  const xcb_randr_mode_info_t *info;
-  std::string name;
-};
 
 /* One request, from the grab of the server to its release. */
 struct LayoutRequest
@@ -89,69 +48,19 @@ struct LayoutRequest
   RyxRect screen_rect; /* around the desired monitors */
 };
 
-/* What a mode is looked for or made for. */
-struct ModeTarget
-{
-  xcb_randr_crtc_t randr_crtc;
-  xcb_randr_output_t randr_output;
-  uint32_t width;
-  uint32_t height;
-};
-
-struct ModeMatch
-{
-  uint32_t mode_id;          /* of exactly the wanted size; 0: none */
-  uint32_t fallback_mode_id; /* the largest listed one that fits; 0: none */
-};
-
-static std::span<const xcb_randr_crtc_t>
-get_crtcs (const ScreenResources *screen_resources_r)
-{
-  return { xcb_randr_get_screen_resources_crtcs (screen_resources_r), screen_resources_r->num_crtcs };
-}
+/* Asking and telling the server */
 
 static std::span<const xcb_randr_output_t>
 get_outputs (const ScreenResources *screen_resources_r)
 {
-  return { xcb_randr_get_screen_resources_outputs (screen_resources_r), screen_resources_r->num_outputs };
-}
-
-static std::span<const xcb_randr_mode_info_t>
-get_modes (const ScreenResources *screen_resources_r)
-{
-  return { xcb_randr_get_screen_resources_modes (screen_resources_r), screen_resources_r->num_modes };
+  return get_list (screen_resources_r, xcb_randr_get_screen_resources_outputs (screen_resources_r),
+                   screen_resources_r->num_outputs);
 }
 
 static std::span<const xcb_randr_mode_t>
 get_output_modes (const OutputInfo *output_info_r)
 {
-  return { xcb_randr_get_output_info_modes (output_info_r), output_info_r->num_modes };
-}
-
-template <typename Id>
-static gboolean
-contains (std::span<const Id> ids, std::type_identity_t<Id> id)
-{
-  return std::find (ids.begin (), ids.end (), id) != ids.end ();
-}
-
-/* The names stand in one block, one after another and not terminated. */
-static std::vector<NamedMode>
-get_named_modes (const ScreenResources *screen_resources_r)
-{
-  const uint8_t *names = xcb_randr_get_screen_resources_names (screen_resources_r);
-  size_t names_left = screen_resources_r->names_len;
-  std::vector<NamedMode> modes;
-
-  for (const xcb_randr_mode_info_t &info : get_modes (screen_resources_r))
-    {
-      const size_t length = std::min<size_t> (info.name_len, names_left);
-
-      modes.push_back ({ &info, std::string (reinterpret_cast<const char *> (names), length) });
-      names += length;
-      names_left -= length;
-    }
-  return modes;
+  return get_list (output_info_r, xcb_randr_get_output_info_modes (output_info_r), output_info_r->num_modes);
 }
 
 static XcbReply<CrtcInfo>
@@ -189,8 +98,9 @@ get_number_of_monitors (xcb_connection_t *conn, const ScreenResources *screen_re
       if (!crtc_info_r)
         return FALSE;
 
-      g_debug ("Detected CRTC %u with %u linked outputs", randr_crtc, crtc_info_r->num_outputs);
-      if (crtc_info_r->num_outputs > 0)
+      const guint n_outputs = get_crtc_outputs (crtc_info_r.get ()).size ();
+      g_debug ("Detected CRTC %u with %u linked outputs", randr_crtc, n_outputs);
+      if (n_outputs > 0)
         n_linked++;
     }
 
@@ -297,204 +207,6 @@ set_screen_size (xcb_connection_t *conn, const xcb_screen_t *screen, RyxRect scr
   return TRUE;
 }
 
-/* Modes outlive the session that made them, and its language: their names have a decimal point in any locale. */
-class CLocale
-{
-public:
-  CLocale () : previous (uselocale (get ())) {}
-  ~CLocale () { uselocale (previous); }
-  CLocale (const CLocale &) = delete;
-  CLocale &operator= (const CLocale &) = delete;
-
-private:
-  static locale_t
-  get (void)
-  {
-    static const locale_t locale = newlocale (LC_ALL_MASK, "C", nullptr);
-    return locale;
-  }
-
-  const locale_t previous;
-};
-
-static gchar *
-create_mode_name (const DisplayModeRec *mode, xcb_randr_output_t output)
-{
-  const CLocale c_locale;
-
-  return g_strdup_printf (OWN_MODE_FORMAT, mode->HDisplay, mode->VDisplay, mode->VRefresh, output);
-}
-
-static gboolean
-parse_mode_name (const gchar *mode_name, xcb_randr_output_t *output)
-{
-  const CLocale c_locale;
-  guint width, height, output_id;
-  float refresh;
-
-  if (sscanf (mode_name, OWN_MODE_FORMAT, &width, &height, &refresh, &output_id) != 4)
-    return FALSE;
-
-  *output = output_id;
-  return TRUE;
-}
-
-static gboolean
-is_own_mode (const NamedMode &mode)
-{
-  return g_str_has_suffix (mode.name.c_str (), OWN_MODE_SUFFIX);
-}
-
-/* An own mode belongs to the output that it names, whether or not that output lists it. */
-static gboolean
-belongs_to_output (const NamedMode &mode, xcb_randr_output_t output, std::span<const xcb_randr_mode_t> output_modes)
-{
-  xcb_randr_output_t named_output = XCB_NONE;
-
-  if (!is_own_mode (mode))
-    return contains (output_modes, mode.info->id);
-
-  if (!parse_mode_name (mode.name.c_str (), &named_output))
-    g_info ("Cannot parse mode name %s", mode.name.c_str ());
-  return named_output == output;
-}
-
-static gboolean
-is_in_use (uint32_t mode_id, std::span<const PhysicalMonitorInfo> monitors)
-{
-  return std::any_of (monitors.begin (), monitors.end (), [=] (const PhysicalMonitorInfo &monitor) {
-    return mode_id == monitor.mode_id || mode_id == monitor.fallback_mode_id;
-  });
-}
-
-/* In Hz; 0 for the modes of servers that have no timings. */
-static float
-get_refresh (const xcb_randr_mode_info_t *mode)
-{
-  const float n_pixels = static_cast<float> (mode->htotal) * mode->vtotal;
-
-  return n_pixels > 0 ? mode->dot_clock / n_pixels : 0;
-}
-
-/* A mode serves at most one CRTC of a layout: those of the earlier monitors are passed over. */
-static ModeMatch
-find_mode (std::span<const NamedMode> modes, const ModeTarget &target, std::span<const xcb_randr_mode_t> output_modes,
-           std::span<const PhysicalMonitorInfo> earlier)
-{
-  ModeMatch match = {};
-  uint32_t fallback_area = 0;
-
-  for (const NamedMode &mode : modes)
-    {
-      const uint32_t id = mode.info->id, width = mode.info->width, height = mode.info->height;
-
-      if (!belongs_to_output (mode, target.randr_output, output_modes))
-        continue;
-      g_debug ("Detected mode %d %ux%u@%.2f %s for output %u", id, width, height, get_refresh (mode.info),
-               mode.name.c_str (), target.randr_output);
-      if (is_in_use (id, earlier))
-        continue;
-
-      if (width == target.width && height == target.height)
-        {
-          g_info ("Reusing mode %u for CRTC %u", id, target.randr_crtc);
-          match.mode_id = id;
-          break;
-        }
-      if (!is_own_mode (mode) && width <= target.width && height <= target.height && width * height > fallback_area)
-        {
-          match.fallback_mode_id = id;
-          fallback_area = width * height;
-        }
-    }
-  return match;
-}
-
-static xcb_randr_mode_info_t
-get_mode_info (const DisplayModeRec *mode, const gchar *name)
-{
-  xcb_randr_mode_info_t info = {};
-
-  info.width = mode->HDisplay;
-  info.height = mode->VDisplay;
-  info.dot_clock = mode->Clock * 1000;
-  info.hsync_start = mode->HSyncStart;
-  info.hsync_end = mode->HSyncEnd;
-  info.htotal = mode->HTotal;
-  info.hskew = mode->HSkew;
-  info.vsync_start = mode->VSyncStart;
-  info.vsync_end = mode->VSyncEnd;
-  info.vtotal = mode->VTotal;
-  info.name_len = strlen (name);
-  info.mode_flags = mode->Flags;
-  return info;
-}
-
-/* Creates a mode and adds it to its output. A failure is logged only: there may be a mode to fall back to. */
-static gboolean
-create_mode (xcb_connection_t *conn, const xcb_screen_t *screen, const ModeTarget &target, uint32_t *mode_id)
-{
-  g_autofree DisplayModePtr mode = xf86CVTMode (target.width, target.height, 0.0f, FALSE, FALSE);
-  g_autofree gchar *name = create_mode_name (mode, target.randr_output);
-  const xcb_randr_mode_info_t info = get_mode_info (mode, name);
-  const float refresh = get_refresh (&info);
-
-  if (refresh < 10.0f || refresh > 1000.0f)
-    g_warning ("Refresh rate has an anormal value: %f Hz", refresh);
-
-  const auto [reply, create_error] = await_reply (
-    conn, xcb_randr_create_mode (conn, screen->root, info, info.name_len, name), xcb_randr_create_mode_reply);
-  if (!reply)
-    {
-      g_warning ("Failed to create mode %s for CRTC %u (response_type: %u error_code: %u)", name, target.randr_crtc,
-                 response_type_of (create_error), error_code_of (create_error));
-      return FALSE;
-    }
-
-  const XcbError add_error
-    = await_check (conn, xcb_randr_add_output_mode_checked (conn, target.randr_output, reply->mode));
-  if (add_error)
-    {
-      g_warning ("Failed to add output mode %s for CRTC %u (response_type: %u error_code: %u)", name, target.randr_crtc,
-                 response_type_of (add_error), error_code_of (add_error));
-      return FALSE;
-    }
-
-  g_info ("Added new mode %s, id %u for CRTC %u", name, reply->mode, target.randr_crtc);
-  *mode_id = reply->mode;
-  return TRUE;
-}
-
-static gboolean
-delete_mode (xcb_connection_t *conn, const NamedMode &mode, GError **error)
-{
-  const gchar *name = mode.name.c_str ();
-  xcb_randr_output_t output;
-
-  g_debug ("Deleting mode %u %s", mode.info->id, name);
-  if (!parse_mode_name (name, &output))
-    {
-      g_set_error (error, GENERIC_ERROR, "Cannot parse mode name %s", name);
-      return FALSE;
-    }
-
-  if (const auto x_error = await_check (conn, xcb_randr_delete_output_mode_checked (conn, output, mode.info->id)))
-    return set_x_error (error, GENERIC_ERROR, x_error, "Failed to remove mode %s from output %u", name, output);
-  if (const auto x_error = await_check (conn, xcb_randr_destroy_mode_checked (conn, mode.info->id)))
-    return set_x_error (error, GENERIC_ERROR, x_error, "Failed to delete mode %s", name);
-  return TRUE;
-}
-
-static gboolean
-delete_old_modes (xcb_connection_t *conn, const ScreenResources *screen_resources_r,
-                  std::span<const PhysicalMonitorInfo> desired_layout, GError **error)
-{
-  for (const NamedMode &mode : get_named_modes (screen_resources_r))
-    if (is_own_mode (mode) && !is_in_use (mode.info->id, desired_layout) && !delete_mode (conn, mode, error))
-      return FALSE;
-  return TRUE;
-}
-
 /* Asks for the screen's resources and lets the server probe its outputs anew. On failure the request keeps what it
  * read before: ids of CRTCs don't change, so that is good enough to roll back with. */
 static gboolean
@@ -525,7 +237,7 @@ count_monitors (LayoutRequest *request, GError **error)
 static PhysicalMonitorInfo
 new_monitor_info (size_t crtc_index, XcbReply<CrtcInfo> crtc_info_r)
 {
-  const xcb_randr_output_t *randr_outputs = xcb_randr_get_crtc_info_outputs (crtc_info_r.get ());
+  const xcb_randr_output_t *randr_outputs = get_crtc_outputs (crtc_info_r.get ()).data ();
 
   return { .rect = {},
            .crtc_info_r = std::move (crtc_info_r),
@@ -534,6 +246,8 @@ new_monitor_info (size_t crtc_index, XcbReply<CrtcInfo> crtc_info_r)
            .mode_id = XCB_NONE,
            .fallback_mode_id = XCB_NONE };
 }
+
+/* What to go back to, and the way back */
 
 static void
 record_screen_size (LayoutRequest *request)
@@ -586,7 +300,7 @@ record_monitors (LayoutRequest *request)
 
       if (!crtc_info_r)
         g_warning ("%s", error->message);
-      else if (crtc_info_r->num_outputs > 0)
+      else if (!get_crtc_outputs (crtc_info_r.get ()).empty ())
         record_monitor (request, i, std::move (crtc_info_r));
     }
 }
@@ -637,6 +351,8 @@ roll_back (const LayoutRequest *request)
     roll_back_monitor (request, monitor);
 }
 
+/* The number of monitors */
+
 /* Which CRTCs drive nothing, and which outputs are driven. */
 static gboolean
 classify_crtcs (const LayoutRequest *request, std::vector<xcb_randr_crtc_t> *unlinked_crtcs,
@@ -648,13 +364,13 @@ classify_crtcs (const LayoutRequest *request, std::vector<xcb_randr_crtc_t> *unl
       if (!crtc_info_r)
         return FALSE;
 
-      if (crtc_info_r->num_outputs == 0)
+      const auto outputs = get_crtc_outputs (crtc_info_r.get ());
+      if (outputs.empty ())
         {
           g_debug ("Detected CRTC %u with 0 linked outputs", randr_crtc);
           unlinked_crtcs->push_back (randr_crtc);
         }
-      for (const xcb_randr_output_t output :
-           std::span (xcb_randr_get_crtc_info_outputs (crtc_info_r.get ()), crtc_info_r->num_outputs))
+      for (const xcb_randr_output_t output : outputs)
         {
           g_debug ("Output %u is linked to CRTC %u", output, randr_crtc);
           linked_outputs->push_back (output);
@@ -819,7 +535,7 @@ disable_monitors (const LayoutRequest *request, guint delta, GError **error)
 
       if (!crtc_info_r)
         return FALSE;
-      if (crtc_info_r->num_outputs > 0 && disable_monitor (request->conn, randr_crtc))
+      if (!get_crtc_outputs (crtc_info_r.get ()).empty () && disable_monitor (request->conn, randr_crtc))
         n_disabled++;
     }
   return TRUE;
@@ -828,8 +544,8 @@ disable_monitors (const LayoutRequest *request, guint delta, GError **error)
 static gboolean
 has_crtc_and_output_for_each_head (const LayoutRequest *request)
 {
-  const guint n_crtcs = request->screen_resources_r->num_crtcs;
-  const guint n_outputs = request->screen_resources_r->num_outputs;
+  const guint n_crtcs = request->randr_crtcs.size ();
+  const guint n_outputs = get_outputs (request->screen_resources_r.get ()).size ();
 
   g_debug ("Detected %u CRTCs and %u outputs", n_crtcs, n_outputs);
   if (n_crtcs >= request->heads.size () && n_outputs >= request->heads.size ())
@@ -868,6 +584,8 @@ check_number_of_monitors (const LayoutRequest *request, GError **error)
                guint (request->heads.size ()), request->num_monitors);
   return FALSE;
 }
+
+/* The layout itself */
 
 static uint32_t
 round_head_size (uint32_t size)
@@ -926,7 +644,7 @@ build_desired_list (LayoutRequest *request, GError **error)
       if (!crtc_info_r)
         return FALSE;
 
-      if (crtc_info_r->num_outputs > 0 && request->desired_list.size () < request->heads.size ()
+      if (!get_crtc_outputs (crtc_info_r.get ()).empty () && request->desired_list.size () < request->heads.size ()
           && !add_desired_monitor (request, modes, i, std::move (crtc_info_r), error))
         return FALSE;
     }
@@ -1053,6 +771,8 @@ ryx_display_layout_manager_xrandr_request_layout (RyxDisplayLayoutManager *, Ryx
   return result;
 }
 
+/* Life */
+
 static gboolean
 ryx_display_layout_manager_xrandr_initable_init (GInitable *, GCancellable *, GError **error)
 {
@@ -1063,27 +783,7 @@ ryx_display_layout_manager_xrandr_initable_init (GInitable *, GCancellable *, GE
       return FALSE;
     }
 
-  if (!find_extension (conn, &xcb_randr_id))
-    {
-      g_set_error_literal (error, G_IO_ERROR, G_IO_ERROR_FAILED, "RandR extension not available");
-      return FALSE;
-    }
-
-  const auto [version, x_error]
-    = await_reply (conn, xcb_randr_query_version (conn, 1, 2), xcb_randr_query_version_reply);
-  if (!version)
-    {
-      g_set_error_literal (error, G_IO_ERROR, G_IO_ERROR_FAILED, "Failed to get RandR version");
-      return FALSE;
-    }
-
-  if (!is_randr_1_2 (*version))
-    {
-      g_set_error (error, G_IO_ERROR, G_IO_ERROR_FAILED, "RandR version is too old (%d.%d, 1.2 required)",
-                   version->major_version, version->minor_version);
-      return FALSE;
-    }
-  return TRUE;
+  return require_randr_1_2 (conn, error);
 }
 
 static void

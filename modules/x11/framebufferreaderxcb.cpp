@@ -3,8 +3,10 @@
 #include "framebufferreaderxcb.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -28,7 +30,8 @@ struct _RyxFrameBufferReaderXcb
   gboolean use_damage; /* dirty-region mode, else compare mode */
   uint8_t damage_event_base;
   uint32_t damage;
-  uint32_t damage_region; /* where each grab moves the damage gathered since the last one */
+  unsigned int damage_request; /* number of the request that made it, 0 once it is known whether it did */
+  uint32_t damage_region;      /* where each grab moves the damage gathered since the last one */
   gboolean have_damage;
 
   gboolean use_shm;
@@ -52,6 +55,8 @@ struct _RyxFrameBufferReaderXcb
 
   RyxAllocator *allocator;
   RyxFrameData *prev_frame; /* NULL: the next frame is a full one */
+
+  gboolean frame_is_up_to_date; /* the last frame data made has the pixels that the current buffer has */
 };
 
 static_assert (std::is_trivial_v<RyxFrameBufferReaderXcb>);
@@ -65,11 +70,13 @@ enum GrabResult
   FAILED = 2,
 };
 
-/* What one capture found: the changed blocks, and whether a look at the pixels may leave fewer of them. */
+/* What one capture found: the changed blocks, whether a look at the pixels may leave fewer of them, and whether it
+ * wrote to the current buffer elsewhere too. */
 struct Capture
 {
   RyxDiffmap *diffmap = nullptr;
   gboolean refine = FALSE;
+  gboolean wrote_elsewhere = FALSE;
 
   Capture () = default;
   ~Capture () { g_clear_pointer (&diffmap, ryx_diffmap_unref); }
@@ -94,19 +101,6 @@ private:
   xcb_connection_t *conn;
 };
 
-/* Has the system free a segment as soon as nobody is attached to it. */
-class SegmentRemoval
-{
-public:
-  explicit SegmentRemoval (int segment) : id (segment) {}
-  ~SegmentRemoval () { shmctl (id, IPC_RMID, nullptr); }
-  SegmentRemoval (const SegmentRemoval &) = delete;
-  SegmentRemoval &operator= (const SegmentRemoval &) = delete;
-
-private:
-  int id;
-};
-
 static void
 drop_prev_frame (RyxFrameBufferReaderXcb *reader)
 {
@@ -125,20 +119,31 @@ fail_setup (GError **error, const gchar *format, ...)
 {
   va_list args;
   va_start (args, format);
-  g_autofree gchar *text = g_strdup_vprintf (format, args);
+  g_propagate_error (error, g_error_new_valist (RYX_FRAME_BUFFER_READER_ERROR,
+                                                RYX_FRAME_BUFFER_READER_ERROR_FAILED_SETUP, format, args));
   va_end (args);
-
-  g_set_error_literal (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_FAILED_SETUP, text);
   return FALSE;
 }
 
 /* Setup */
+
+/* What is sent to a server that has died is to be an error here, and not the end of a process that never asked for the
+ * signal. GIO's sockets do the same. */
+static void
+ignore_broken_pipes (void)
+{
+  struct sigaction action;
+
+  if (sigaction (SIGPIPE, nullptr, &action) == 0 && action.sa_handler == SIG_DFL)
+    signal (SIGPIPE, SIG_IGN);
+}
 
 static gboolean
 open_connection (RyxFrameBufferReaderXcb *reader, GError **error)
 {
   int screen_number = 0;
 
+  ignore_broken_pipes ();
   g_clear_pointer (&reader->conn, xcb_disconnect); /* of a setup that failed */
   reader->conn = xcb_connect (nullptr, &screen_number);
   if (xcb_connection_has_error (reader->conn))
@@ -169,24 +174,13 @@ require_xfixes (RyxFrameBufferReaderXcb *reader, GError **error)
 static void
 probe_randr (RyxFrameBufferReaderXcb *reader)
 {
-  const xcb_query_extension_reply_t *extension = find_extension (reader->conn, &xcb_randr_id);
-  if (!extension)
-    {
-      g_warning ("RandR extension not available");
-      return;
-    }
-  reader->randr_event_base = extension->first_event;
+  g_autoptr (GError) error = nullptr;
 
-  auto [version, x_error]
-    = await_reply (reader->conn, xcb_randr_query_version (reader->conn, 1, 2), xcb_randr_query_version_reply);
-  if (!version || x_error)
+  if (const xcb_query_extension_reply_t *extension = find_extension (reader->conn, &xcb_randr_id))
+    reader->randr_event_base = extension->first_event;
+  if (!require_randr_1_2 (reader->conn, &error))
     {
-      g_warning ("Failed to get RandR version");
-      return;
-    }
-  if (!is_randr_1_2 (*version))
-    {
-      g_warning ("RandR version is too old (%d.%d, 1.2 required)", version->major_version, version->minor_version);
+      g_warning ("%s", error->message);
       return;
     }
 
@@ -244,7 +238,9 @@ probe_damage (RyxFrameBufferReaderXcb *reader, GSettings *settings)
     }
 
   reader->damage = xcb_generate_id (reader->conn);
-  xcb_damage_create (reader->conn, reader->damage, reader->root, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
+  reader->damage_request
+    = xcb_damage_create_checked (reader->conn, reader->damage, reader->root, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY)
+        .sequence;
   reader->damage_region = xcb_generate_id (reader->conn);
   xcb_xfixes_create_region (reader->conn, reader->damage_region, 0, nullptr);
   reader->use_damage = TRUE;
@@ -340,21 +336,19 @@ get_bytes_per_line (guint32 width, guint32 bpp, guint32 pad)
 static gboolean
 crtc_shows_output (RyxFrameBufferReaderXcb *reader, const xcb_randr_get_crtc_info_reply_t *crtc, guint32 output_id)
 {
-  const xcb_randr_output_t *outputs = xcb_randr_get_crtc_info_outputs (crtc);
-
-  for (int i = 0; i < xcb_randr_get_crtc_info_outputs_length (crtc); i++)
+  for (const xcb_randr_output_t id : get_crtc_outputs (crtc))
     {
-      const auto cookie = xcb_randr_get_output_info (reader->conn, outputs[i], XCB_CURRENT_TIME);
+      const auto cookie = xcb_randr_get_output_info (reader->conn, id, XCB_CURRENT_TIME);
       auto output = await_reply (reader->conn, cookie, xcb_randr_get_output_info_reply).reply;
       if (!output)
         {
-          g_debug ("No information about output 0x%x, skipping it", outputs[i]);
+          g_debug ("No information about output 0x%x, skipping it", id);
           continue;
         }
 
       g_autofree gchar *name = get_output_name (output.get ());
-      g_debug ("Detected output 0x%x %s (%d,%d %dx%d)", outputs[i], name, crtc->x, crtc->y, crtc->width, crtc->height);
-      if (outputs[i] != output_id)
+      g_debug ("Detected output 0x%x %s (%d,%d %dx%d)", id, name, crtc->x, crtc->y, crtc->width, crtc->height);
+      if (id != output_id)
         continue;
 
       g_info ("Found output 0x%x %s for reader %s (%p)", output_id, name,
@@ -382,13 +376,12 @@ find_output_area (RyxFrameBufferReaderXcb *reader, RyxRect *area)
   if (!resources)
     return FALSE;
 
-  const int n_crtcs = xcb_randr_get_screen_resources_crtcs_length (resources.get ());
-  const xcb_randr_crtc_t *crtcs = xcb_randr_get_screen_resources_crtcs (resources.get ());
-  g_debug ("RandR: found %d CRTC", n_crtcs);
+  const auto crtcs = get_crtcs (resources.get ());
+  g_debug ("RandR: found %u CRTC", static_cast<guint> (crtcs.size ()));
 
-  for (int i = 0; i < n_crtcs; i++)
+  for (const xcb_randr_crtc_t id : crtcs)
     {
-      const auto cookie = xcb_randr_get_crtc_info (reader->conn, crtcs[i], XCB_CURRENT_TIME);
+      const auto cookie = xcb_randr_get_crtc_info (reader->conn, id, XCB_CURRENT_TIME);
       auto crtc = await_reply (reader->conn, cookie, xcb_randr_get_crtc_info_reply).reply;
 
       if (crtc && crtc_shows_output (reader, crtc.get (), output_id))
@@ -423,12 +416,18 @@ attach_segment (RyxFrameBufferReaderXcb *reader, GError **error)
       return FALSE;
     }
 
-  SegmentRemoval removal (id);
+  /* A process that is killed while the server lets it wait leaves nothing behind: the system frees a segment with its
+   * last attachment, and lets the server attach to one that is to go then. */
   void *address = shmat (id, nullptr, 0);
   const gboolean is_attached_here = reinterpret_cast<gintptr> (address) != -1;
+  if (is_attached_here)
+    shmctl (id, IPC_RMID, nullptr);
 
-  if (await_check (reader->conn, xcb_shm_attach_checked (reader->conn, reader->shm_segment, id, FALSE))
-      || xcb_connection_has_error (reader->conn))
+  const XcbError x_error
+    = await_check (reader->conn, xcb_shm_attach_checked (reader->conn, reader->shm_segment, id, FALSE));
+  if (!is_attached_here)
+    shmctl (id, IPC_RMID, nullptr);
+  if (x_error || xcb_connection_has_error (reader->conn))
     {
       g_set_error_literal (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_SHM_FAILED,
                            "Failed to attach shared memory");
@@ -502,6 +501,20 @@ wrap_segment_in_pixmap (RyxFrameBufferReaderXcb *reader, guint8 depth)
   return FALSE;
 }
 
+/* A reader without its Damage object would wait for ever. Later requests have been answered: this asks for nothing. */
+static void
+check_damage (RyxFrameBufferReaderXcb *reader)
+{
+  const xcb_void_cookie_t cookie = { std::exchange (reader->damage_request, 0) };
+  const XcbError x_error = cookie.sequence != 0 ? await_check (reader->conn, cookie) : nullptr;
+
+  if (!x_error)
+    return;
+  g_warning ("Failed to create damage (response_type: %u error_code: %u)", response_type_of (x_error),
+             error_code_of (x_error));
+  reader->use_damage = FALSE;
+}
+
 static gboolean
 ryx_frame_buffer_reader_xcb_configure (RyxFrameBufferReader *base, GError **error)
 {
@@ -514,12 +527,15 @@ ryx_frame_buffer_reader_xcb_configure (RyxFrameBufferReader *base, GError **erro
     = await_reply (reader->conn, xcb_get_geometry (reader->conn, reader->root), xcb_get_geometry_reply).reply;
   const guint8 depth = geometry ? geometry->depth : 0;
 
+  check_damage (reader);
   if (depth < 24)
     return fail_setup (error, "Unsupported depth %d in reader %p", depth, address_of (reader));
   if (!get_format_for_depth (reader, depth, &bpp, &scanline_pad))
     return fail_setup (error, "Unable to get format for depth in reader %p", address_of (reader));
-  if (bpp < 24)
+  if (bpp != 24 && bpp != 32)
     return fail_setup (error, "Unsupported bpp %d in reader %p", bpp, address_of (reader));
+  if (scanline_pad != 8 && scanline_pad != 16 && scanline_pad != 32)
+    return fail_setup (error, "Unsupported scanline pad %d in reader %p", scanline_pad, address_of (reader));
 
   reader->pixel_size = bpp / 8;
   reader->rect = choose_area (reader, geometry.get ());
@@ -739,10 +755,11 @@ grab_image (RyxFrameBufferReaderXcb *reader, GError **error)
       return FALSE;
     }
 
-  const int length = xcb_get_image_data_length (image.get ());
+  const gsize length = MIN (static_cast<gsize> (xcb_get_image_data_length (image.get ())), needed);
   reader->bytes_per_line = reader->pixel_size * reader->rect.width;
-  if (length > 0)
-    memcpy (reader->framebuffer, xcb_get_image_data (image.get ()), MIN (static_cast<gsize> (length), needed));
+  memcpy (reader->framebuffer, xcb_get_image_data (image.get ()), length);
+  /* What was in that memory before is nobody else's business. */
+  memset (reader->framebuffer + length, 0, needed - length);
   return TRUE;
 }
 
@@ -836,6 +853,9 @@ capture_damage (RyxFrameBufferReaderXcb *reader, guint32 block_size, Capture *ca
   if (!region)
     return EMPTY;
 
+  /* An image of the whole area may have what no damage told of. */
+  capture->wrote_elsewhere = !uses_shared_pixmap (reader);
+
   guint32 n_dirty = 0;
   const GrabResult result = take_damage (reader, region.get (), capture->diffmap, &n_dirty, error);
   const gint32 threshold = ryx_frame_buffer_reader_get_diffmap_refine_threshold (RYX_FRAME_BUFFER_READER (reader));
@@ -869,10 +889,14 @@ static RyxCapturedFrame *
 make_frame (RyxFrameBufferReaderXcb *reader, const Capture *capture, GError **error)
 {
   const RyxPixelFormat format = reader->pixel_size == 4 ? RYX_PIXEL_FORMAT_BGRA : RYX_PIXEL_FORMAT_BGR;
+
+  if (reader->frame_is_up_to_date && !capture->wrote_elsewhere)
+    ryx_allocator_expect_changes (reader->allocator, capture->diffmap);
   g_autoptr (RyxFrameData) frame_data
     = ryx_frame_data_new_with_stride (reader->allocator, current_framebuffer (reader), reader->bytes_per_line,
                                       reader->rect.width, reader->rect.height, format);
 
+  reader->frame_is_up_to_date = frame_data != NULL;
   if (!frame_data)
     {
       g_set_error_literal (error, RYX_FRAME_BUFFER_READER_ERROR, RYX_FRAME_BUFFER_READER_ERROR_FAILED,
@@ -933,6 +957,7 @@ ryx_frame_buffer_reader_xcb_grab_frame (RyxFrameBufferReader *base, GError **err
     case EMPTY:
       return report_empty_frame (error);
     case FAILED:
+      reader->frame_is_up_to_date = FALSE; /* some of the damage may have been copied */
       return nullptr;
     case GRABBED:
       return make_frame (reader, &capture, error);
@@ -976,8 +1001,6 @@ ryx_frame_buffer_reader_xcb_class_finalize (RyxFrameBufferReaderXcbClass *)
 static void
 ryx_frame_buffer_reader_xcb_init (RyxFrameBufferReaderXcb *reader)
 {
-  reader->shm_pixmap = 0;
-  reader->gc = 0;
   reader->allocator = ryx_allocator_new ();
 }
 

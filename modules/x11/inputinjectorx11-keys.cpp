@@ -2,9 +2,12 @@
 
 #include "inputinjectorx11-private.h"
 
-#include <memory>
+#include <algorithm>
+#include <span>
 
 #include <X11/keysym.h>
+
+#include "xcbreply.h"
 
 /* A modifier that was changed for one key. */
 struct AdjustedModifier
@@ -224,6 +227,27 @@ get_keycode_range (int *min_keycode, int *max_keycode)
   return FALSE;
 }
 
+/* The key's symbols, a row for each group, as far as the description has them: it tells what the server says. */
+static std::span<const KeySym>
+get_symbols (const XkbDescRec *xkb_desc, int key)
+{
+  const gsize offset = xkb_desc->map->key_sym_map[key].offset, n_known = xkb_desc->map->size_syms;
+  const gsize n_symbols = XkbKeyNumGroups (xkb_desc, key) * XkbKeyGroupsWidth (xkb_desc, key);
+
+  return { xkb_desc->map->syms + MIN (offset, n_known), MIN (n_symbols, n_known - MIN (offset, n_known)) };
+}
+
+static const XkbKeyTypeRec *
+get_key_type (const XkbDescRec *xkb_desc, int key, int group)
+{
+  const guint type = XkbKeyKeyTypeIndex (xkb_desc, key, group);
+  if (type < xkb_desc->map->num_types)
+    return &xkb_desc->map->types[type];
+
+  g_warning ("Unexpected key type %u, the map only contains %u types", type, xkb_desc->map->num_types);
+  return nullptr;
+}
+
 /* A key that has the keysym in @current_group, else the first one that has it in another group. */
 static gboolean
 find_keycode (RyxInputInjectorX11 *input_injector, guint32 keysym, int current_group, int *keycode, int *level,
@@ -239,10 +263,10 @@ find_keycode (RyxInputInjectorX11 *input_injector, guint32 keysym, int current_g
   /* The description ends with its own range, should that be the narrower one. */
   for (int key = MAX (min_keycode, xkb_desc->min_key_code); key <= MIN (max_keycode, xkb_desc->max_key_code); key++)
     {
-      const KeySym *symbols = XkbKeySymsPtr (xkb_desc, key);
+      const auto symbols = get_symbols (xkb_desc, key);
       const int width = XkbKeyGroupsWidth (xkb_desc, key);
 
-      for (int i = 0; i < XkbKeyNumGroups (xkb_desc, key) * width; i++)
+      for (int i = 0; i < static_cast<int> (symbols.size ()); i++)
         {
           if (symbols[i] != keysym || (found && i / width != current_group))
             continue;
@@ -302,49 +326,37 @@ find_level_mods (RyxInputInjectorX11 *input_injector, const XkbKeyTypeRec *type,
 
 /* Adding keysyms */
 
-static gboolean
-is_row_free (const KeySym *row, int width)
-{
-  for (int i = 0; i < width; i++)
-    if (row[i] != NoSymbol)
-      return FALSE;
-  return TRUE;
-}
-
-static gboolean
-does_row_hold (const KeySym *row, int width, KeySym keysym)
-{
-  for (int i = 0; i < width; i++)
-    if (row[i] == keysym)
-      return TRUE;
-  return FALSE;
-}
-
 /* Puts a keycode without symbols into @keycode, 0 if the keysym is in the server's keymap already, which has then not
  * been announced yet. FALSE when the keymap can't be read or is full. */
 static gboolean
 find_free_keycode (KeySym keysym, const gchar *name, int *keycode)
 {
-  Display *xdisplay = gdk_x11_get_default_xdisplay ();
-  int min_keycode, max_keycode, width = 0;
-  ErrorTrap trap;
+  xcb_connection_t *conn = get_xcb_connection ();
+  int min_keycode, max_keycode;
+  if (!conn || !get_keycode_range (&min_keycode, &max_keycode))
+    return FALSE;
 
-  XDisplayKeycodes (xdisplay, &min_keycode, &max_keycode);
-  const std::unique_ptr<KeySym[], XFreeDeleter> rows (
-    XGetKeyboardMapping (xdisplay, min_keycode, max_keycode - min_keycode + 1, &width));
-  if (trap.pop () != 0 || !rows)
+  /* Xlib would not tell how many keysyms there are. */
+  const auto mapping = await_reply (conn, xcb_get_keyboard_mapping (conn, min_keycode, max_keycode - min_keycode + 1),
+                                    xcb_get_keyboard_mapping_reply)
+                         .reply;
+  if (!mapping)
     {
       g_warning ("Failed to get min and max display keycodes");
       return FALSE;
     }
 
+  const gsize width = mapping->keysyms_per_keycode;
   for (*keycode = min_keycode + 1; *keycode <= max_keycode; (*keycode)++)
     {
-      const KeySym *row = &rows[(*keycode - min_keycode) * width];
+      const gsize position = (*keycode - min_keycode) * width;
+      if (position + width > mapping->length)
+        break;
 
-      if (is_row_free (row, width))
+      const std::span row (xcb_get_keyboard_mapping_keysyms (mapping.get ()) + position, width);
+      if (std::ranges::count (row, NoSymbol) == std::ssize (row))
         return TRUE;
-      if (does_row_hold (row, width, keysym))
+      if (std::ranges::count (row, keysym) > 0)
         {
           g_info ("%s was already added to the keymap", name);
           *keycode = 0;
@@ -494,8 +506,8 @@ inject_key (RyxInputInjectorX11 *input_injector, guint32 keysym, gboolean key_do
   const int latch = latch_group (input_injector, state.group, group);
   note_group (input_injector, group);
 
-  const XkbKeyTypeRec *type = XkbKeyKeyType (input_injector->xkb_desc, keycode, group);
-  if (!find_level_mods (input_injector, type, keysym, level, &level_mods))
+  const XkbKeyTypeRec *type = get_key_type (input_injector->xkb_desc, keycode, group);
+  if (!type || !find_level_mods (input_injector, type, keysym, level, &level_mods))
     {
       undo_latch (latch);
       return;

@@ -20,7 +20,7 @@ fake_key (int keycode, gboolean is_press)
     XTestFakeKeyEvent (xdisplay, keycode, is_press, CurrentTime);
 }
 
-void
+static void
 inject_keycode_press (int keycode)
 {
   ErrorTrap trap;

@@ -74,7 +74,6 @@ gboolean get_controls (RyxInputInjectorX11 *input_injector, unsigned long which)
 
 /* inputinjectorx11-keyup.cpp: nothing of it flushes. */
 void fake_key (int keycode, gboolean is_press);
-void inject_keycode_press (int keycode);
 void inject_keycode_release (int keycode);
 void request_keydown (RyxInputInjectorX11 *input_injector, int keycode, gboolean has_modifiers);
 void request_keyup (RyxInputInjectorX11 *input_injector, int keycode);

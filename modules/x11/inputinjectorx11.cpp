@@ -40,7 +40,7 @@ G_DEFINE_DYNAMIC_TYPE_EXTENDED (RyxInputInjectorX11, ryx_input_injector_x11, G_T
                                 G_IMPLEMENT_INTERFACE (RYX_TYPE_INPUT_INJECTOR, ryx_input_injector_x11_iface_init)
                                   G_IMPLEMENT_INTERFACE (RYX_TYPE_HEALTH, ryx_input_injector_x11_health_iface_init))
 
-/* Special keys */
+/* The keyboard's state */
 
 static int
 get_modifiers_mask (RyxInputInjectorX11 *input_injector, KeyCode keycode)
@@ -51,256 +51,6 @@ get_modifiers_mask (RyxInputInjectorX11 *input_injector, KeyCode keycode)
     return 0;
   return xkb_desc->map->modmap[keycode];
 }
-
-static gboolean
-is_modifier (RyxInputInjectorX11 *input_injector, KeyCode keycode)
-{
-  return get_modifiers_mask (input_injector, keycode) != 0;
-}
-
-static void
-track_adjust_modifier_state (RyxInputInjectorX11 *input_injector, KeyCode keycode, gboolean is_press)
-{
-  if (keycode == input_injector->left_shift_keycode)
-    input_injector->left_shift_pressed = is_press;
-  if (keycode == input_injector->right_shift_keycode)
-    input_injector->right_shift_pressed = is_press;
-  if (keycode == input_injector->left_control_keycode)
-    input_injector->left_control_pressed = is_press;
-  if (keycode == input_injector->right_control_keycode)
-    input_injector->right_control_pressed = is_press;
-  if (keycode == input_injector->left_alt_keycode)
-    input_injector->left_alt_pressed = is_press;
-  if (keycode == input_injector->right_alt_keycode)
-    input_injector->right_alt_pressed = is_press;
-  if (keycode == input_injector->altgr_keycode)
-    input_injector->altgr_pressed = is_press;
-  if (keycode == input_injector->num_lock_keycode)
-    input_injector->num_lock_pressed = is_press;
-}
-
-static KeyCode
-get_keycode (guint32 keysym)
-{
-  Display *xdisplay = get_default_xdisplay ();
-  ErrorTrap trap;
-
-  const KeyCode keycode = xdisplay ? XKeysymToKeycode (xdisplay, keysym) : 0;
-  return trap.pop () == 0 ? keycode : 0;
-}
-
-static void
-inject_modifier (RyxInputInjectorX11 *input_injector, KeyCode keycode, gboolean key_down)
-{
-  ErrorTrap trap;
-
-  track_adjust_modifier_state (input_injector, keycode, key_down);
-  fake_key (keycode, key_down);
-}
-
-/* The key goes out as the keyboard is: no group or level is chosen for it, and it is never added to the keymap. */
-static void
-inject_special_key_event (RyxInputInjectorX11 *input_injector, guint32 keysym, gboolean key_down)
-{
-  const KeyCode keycode = get_keycode (keysym);
-  if (keycode == 0)
-    {
-      g_warning ("Failed to get keycode for keysym %u (0x%x)", keysym, keysym);
-      return;
-    }
-
-  const gboolean is_taken = send_and_flush ([=] {
-    if (is_modifier (input_injector, keycode))
-      inject_modifier (input_injector, keycode, key_down);
-    else if (key_down)
-      request_keydown (input_injector, keycode, FALSE);
-    else
-      request_keyup (input_injector, keycode);
-  });
-
-  const gboolean stays_down
-    = key_down && (is_modifier (input_injector, keycode) || is_kept_down (input_injector, keycode));
-  if (!is_taken && !stays_down)
-    send_and_flush ([=] { inject_keycode_release (keycode); });
-}
-
-static void
-ryx_input_injector_x11_special_key_event (RyxInputInjector *input_injector, const gchar *name,
-                                          RyxInputInjectorKeyLocation location, gboolean key_down)
-{
-  RETURN_IF_FOREIGN (input_injector);
-  g_return_if_fail (name != NULL);
-
-  const guint32 keysym = ryx_special_key_string_to_keyval (name, location);
-  if (keysym == 0)
-    {
-      g_info ("Unknown special key: %s (location: %d)", name, location);
-      return;
-    }
-  inject_special_key_event (RYX_INPUT_INJECTOR_X11 (input_injector), keysym, key_down);
-}
-
-/* Pointer */
-
-static void
-ryx_input_injector_x11_motion_event (RyxInputInjector *, gint32 x, gint32 y, gboolean absolute)
-{
-  send_and_flush ([=] {
-    Display *xdisplay = get_default_xdisplay ();
-    ErrorTrap trap;
-
-    if (!xdisplay)
-      return;
-    if (absolute)
-      XTestFakeMotionEvent (xdisplay, 0, x, y, CurrentTime);
-    else
-      XTestFakeRelativeMotionEvent (xdisplay, x, y, CurrentTime);
-  });
-}
-
-static void
-inject_button (guint physical_button, gboolean button_down)
-{
-  Display *xdisplay = get_default_xdisplay ();
-  ErrorTrap trap;
-
-  if (xdisplay)
-    XTestFakeButtonEvent (xdisplay, physical_button, button_down != FALSE, CurrentTime);
-}
-
-static void
-ryx_input_injector_x11_button_event (RyxInputInjector *input_injector, guint32 button_id, gboolean button_down)
-{
-  const RyxInputInjectorX11 *injector = RYX_INPUT_INJECTOR_X11 (input_injector);
-
-  /* The server may report more buttons than the map has room for. */
-  if (button_id > injector->n_buttons || button_id >= G_N_ELEMENTS (injector->buttons_map))
-    {
-      g_warning ("Ignoring button id %u", button_id);
-      return;
-    }
-
-  const guint physical_button = injector->buttons_map[button_id];
-  if (physical_button == 0)
-    return;
-
-  const auto send = [=] { inject_button (physical_button, button_down); };
-  if (button_down)
-    send_and_flush (send);
-  else
-    release_surely (send);
-}
-
-static guint32
-get_wheel_button (guint32 axis_id, gint32 value)
-{
-  switch (axis_id)
-    {
-    case 0:
-      return value > 0 ? 7 : 6;
-    case 1:
-      return value > 0 ? 5 : 4;
-    default:
-      return 0;
-    }
-}
-
-static void
-ryx_input_injector_x11_axis_event (RyxInputInjector *input_injector, guint32 axis_id, gint32 value)
-{
-  const guint32 button = get_wheel_button (axis_id, value);
-  if (value == 0 || button == 0)
-    return;
-
-  ryx_input_injector_x11_button_event (input_injector, button, TRUE);
-  ryx_input_injector_x11_button_event (input_injector, button, FALSE);
-}
-
-/* Channels */
-
-static void
-release_pressed_modifiers (RyxInputInjectorX11 *input_injector)
-{
-  const struct
-  {
-    gboolean pressed;
-    KeyCode keycode;
-  } modifiers[] = {
-    { input_injector->left_shift_pressed, input_injector->left_shift_keycode },
-    { input_injector->right_shift_pressed, input_injector->right_shift_keycode },
-    { input_injector->left_control_pressed, input_injector->left_control_keycode },
-    { input_injector->right_control_pressed, input_injector->right_control_keycode },
-    { input_injector->left_alt_pressed, input_injector->left_alt_keycode },
-    { input_injector->right_alt_pressed, input_injector->right_alt_keycode },
-    { input_injector->altgr_pressed, input_injector->altgr_keycode },
-    { input_injector->num_lock_pressed, input_injector->num_lock_keycode },
-  };
-
-  for (const auto &modifier : modifiers)
-    if (modifier.pressed)
-      fake_key (modifier.keycode, FALSE);
-}
-
-static void
-forget_pressed_modifiers (RyxInputInjectorX11 *input_injector)
-{
-  input_injector->left_shift_pressed = input_injector->right_shift_pressed = FALSE;
-  input_injector->left_control_pressed = input_injector->right_control_pressed = FALSE;
-  input_injector->left_alt_pressed = input_injector->right_alt_pressed = FALSE;
-  input_injector->altgr_pressed = input_injector->num_lock_pressed = FALSE;
-}
-
-static void
-ryx_input_injector_x11_channel_connected (RyxInputInjector *input_injector, guint channel_id)
-{
-  RETURN_IF_FOREIGN (input_injector);
-
-  RyxInputInjectorX11 *injector = RYX_INPUT_INJECTOR_X11 (input_injector);
-  injector->num_channel_connected++;
-  g_debug ("Channel %u connected (total connected: %u)", channel_id, injector->num_channel_connected);
-}
-
-static void
-ryx_input_injector_x11_channel_disconnected (RyxInputInjector *input_injector, guint channel_id)
-{
-  RETURN_IF_FOREIGN (input_injector);
-
-  RyxInputInjectorX11 *injector = RYX_INPUT_INJECTOR_X11 (input_injector);
-  if (injector->num_channel_connected == 0)
-    {
-      g_warning ("Channel %u disconnected, but no channel is connected", channel_id);
-      return;
-    }
-
-  injector->num_channel_connected--;
-  g_debug ("Channel %u disconnected (total connected: %u)", channel_id, injector->num_channel_connected);
-  if (injector->num_channel_connected > 0)
-    return;
-
-  release_surely ([=] { release_pressed_modifiers (injector); });
-  forget_pressed_modifiers (injector);
-}
-
-/* What the module leaves to others */
-
-static gboolean
-ryx_input_injector_x11_is_sas_event (RyxInputInjector *, const gchar *, RyxInputInjectorKeyLocation, gboolean)
-{
-  return FALSE;
-}
-
-static gboolean
-ryx_input_injector_x11_is_touch_enabled (RyxInputInjector *)
-{
-  return FALSE;
-}
-
-static void
-ryx_input_injector_x11_touch_event (RyxInputInjector *, guint, GArray *, guint)
-{
-}
-
-/* The keyboard's state */
 
 gboolean
 get_controls (RyxInputInjectorX11 *input_injector, unsigned long which)
@@ -411,6 +161,256 @@ on_keys_changed (GdkKeymap *, gpointer user_data)
     inject_key (input_injector, input_injector->pending_keysym, TRUE);
 }
 
+/* Pointer */
+
+static void
+ryx_input_injector_x11_motion_event (RyxInputInjector *, gint32 x, gint32 y, gboolean absolute)
+{
+  send_and_flush ([=] {
+    Display *xdisplay = get_default_xdisplay ();
+    ErrorTrap trap;
+
+    if (!xdisplay)
+      return;
+    if (absolute)
+      XTestFakeMotionEvent (xdisplay, 0, x, y, CurrentTime);
+    else
+      XTestFakeRelativeMotionEvent (xdisplay, x, y, CurrentTime);
+  });
+}
+
+static void
+inject_button (guint physical_button, gboolean button_down)
+{
+  Display *xdisplay = get_default_xdisplay ();
+  ErrorTrap trap;
+
+  if (xdisplay)
+    XTestFakeButtonEvent (xdisplay, physical_button, button_down != FALSE, CurrentTime);
+}
+
+static void
+ryx_input_injector_x11_button_event (RyxInputInjector *input_injector, guint32 button_id, gboolean button_down)
+{
+  const RyxInputInjectorX11 *injector = RYX_INPUT_INJECTOR_X11 (input_injector);
+
+  /* The server may report more buttons than the map has room for. */
+  if (button_id > injector->n_buttons || button_id >= G_N_ELEMENTS (injector->buttons_map))
+    {
+      g_warning ("Ignoring button id %u", button_id);
+      return;
+    }
+
+  const guint physical_button = injector->buttons_map[button_id];
+  if (physical_button == 0)
+    return;
+
+  const auto send = [=] { inject_button (physical_button, button_down); };
+  if (button_down)
+    send_and_flush (send);
+  else
+    release_surely (send);
+}
+
+static guint32
+get_wheel_button (guint32 axis_id, gint32 value)
+{
+  switch (axis_id)
+    {
+    case 0:
+      return value > 0 ? 7 : 6;
+    case 1:
+      return value > 0 ? 5 : 4;
+    default:
+      return 0;
+    }
+}
+
+static void
+ryx_input_injector_x11_axis_event (RyxInputInjector *input_injector, guint32 axis_id, gint32 value)
+{
+  const guint32 button = get_wheel_button (axis_id, value);
+  if (value == 0 || button == 0)
+    return;
+
+  ryx_input_injector_x11_button_event (input_injector, button, TRUE);
+  ryx_input_injector_x11_button_event (input_injector, button, FALSE);
+}
+
+/* Special keys */
+
+static gboolean
+is_modifier (RyxInputInjectorX11 *input_injector, KeyCode keycode)
+{
+  return get_modifiers_mask (input_injector, keycode) != 0;
+}
+
+static void
+track_adjust_modifier_state (RyxInputInjectorX11 *input_injector, KeyCode keycode, gboolean is_press)
+{
+  if (keycode == input_injector->left_shift_keycode)
+    input_injector->left_shift_pressed = is_press;
+  if (keycode == input_injector->right_shift_keycode)
+    input_injector->right_shift_pressed = is_press;
+  if (keycode == input_injector->left_control_keycode)
+    input_injector->left_control_pressed = is_press;
+  if (keycode == input_injector->right_control_keycode)
+    input_injector->right_control_pressed = is_press;
+  if (keycode == input_injector->left_alt_keycode)
+    input_injector->left_alt_pressed = is_press;
+  if (keycode == input_injector->right_alt_keycode)
+    input_injector->right_alt_pressed = is_press;
+  if (keycode == input_injector->altgr_keycode)
+    input_injector->altgr_pressed = is_press;
+  if (keycode == input_injector->num_lock_keycode)
+    input_injector->num_lock_pressed = is_press;
+}
+
+static KeyCode
+get_keycode (guint32 keysym)
+{
+  Display *xdisplay = get_default_xdisplay ();
+  ErrorTrap trap;
+
+  const KeyCode keycode = xdisplay ? XKeysymToKeycode (xdisplay, keysym) : 0;
+  return trap.pop () == 0 ? keycode : 0;
+}
+
+static void
+inject_modifier (RyxInputInjectorX11 *input_injector, KeyCode keycode, gboolean key_down)
+{
+  ErrorTrap trap;
+
+  track_adjust_modifier_state (input_injector, keycode, key_down);
+  fake_key (keycode, key_down);
+}
+
+/* The key goes out as the keyboard is: no group or level is chosen for it, and it is never added to the keymap. */
+static void
+inject_special_key_event (RyxInputInjectorX11 *input_injector, guint32 keysym, gboolean key_down)
+{
+  const KeyCode keycode = get_keycode (keysym);
+  if (keycode == 0)
+    {
+      g_warning ("Failed to get keycode for keysym %u (0x%x)", keysym, keysym);
+      return;
+    }
+
+  const gboolean is_taken = send_and_flush ([=] {
+    if (is_modifier (input_injector, keycode))
+      inject_modifier (input_injector, keycode, key_down);
+    else if (key_down)
+      request_keydown (input_injector, keycode, FALSE);
+    else
+      request_keyup (input_injector, keycode);
+  });
+
+  const gboolean stays_down
+    = key_down && (is_modifier (input_injector, keycode) || is_kept_down (input_injector, keycode));
+  if (!is_taken && !stays_down)
+    send_and_flush ([=] { inject_keycode_release (keycode); });
+}
+
+static void
+ryx_input_injector_x11_special_key_event (RyxInputInjector *input_injector, const gchar *name,
+                                          RyxInputInjectorKeyLocation location, gboolean key_down)
+{
+  RETURN_IF_FOREIGN (input_injector);
+  g_return_if_fail (name != NULL);
+
+  const guint32 keysym = ryx_special_key_string_to_keyval (name, location);
+  if (keysym == 0)
+    {
+      g_info ("Unknown special key: %s (location: %d)", name, location);
+      return;
+    }
+  inject_special_key_event (RYX_INPUT_INJECTOR_X11 (input_injector), keysym, key_down);
+}
+
+/* What the module leaves to others */
+
+static gboolean
+ryx_input_injector_x11_is_sas_event (RyxInputInjector *, const gchar *, RyxInputInjectorKeyLocation, gboolean)
+{
+  return FALSE;
+}
+
+static gboolean
+ryx_input_injector_x11_is_touch_enabled (RyxInputInjector *)
+{
+  return FALSE;
+}
+
+static void
+ryx_input_injector_x11_touch_event (RyxInputInjector *, guint, GArray *, guint)
+{
+}
+
+/* Channels */
+
+static void
+release_pressed_modifiers (RyxInputInjectorX11 *input_injector)
+{
+  const struct
+  {
+    gboolean pressed;
+    KeyCode keycode;
+  } modifiers[] = {
+    { input_injector->left_shift_pressed, input_injector->left_shift_keycode },
+    { input_injector->right_shift_pressed, input_injector->right_shift_keycode },
+    { input_injector->left_control_pressed, input_injector->left_control_keycode },
+    { input_injector->right_control_pressed, input_injector->right_control_keycode },
+    { input_injector->left_alt_pressed, input_injector->left_alt_keycode },
+    { input_injector->right_alt_pressed, input_injector->right_alt_keycode },
+    { input_injector->altgr_pressed, input_injector->altgr_keycode },
+    { input_injector->num_lock_pressed, input_injector->num_lock_keycode },
+  };
+
+  for (const auto &modifier : modifiers)
+    if (modifier.pressed)
+      fake_key (modifier.keycode, FALSE);
+}
+
+static void
+forget_pressed_modifiers (RyxInputInjectorX11 *input_injector)
+{
+  input_injector->left_shift_pressed = input_injector->right_shift_pressed = FALSE;
+  input_injector->left_control_pressed = input_injector->right_control_pressed = FALSE;
+  input_injector->left_alt_pressed = input_injector->right_alt_pressed = FALSE;
+  input_injector->altgr_pressed = input_injector->num_lock_pressed = FALSE;
+}
+
+static void
+ryx_input_injector_x11_channel_connected (RyxInputInjector *input_injector, guint channel_id)
+{
+  RETURN_IF_FOREIGN (input_injector);
+
+  RyxInputInjectorX11 *injector = RYX_INPUT_INJECTOR_X11 (input_injector);
+  injector->num_channel_connected++;
+  g_debug ("Channel %u connected (total connected: %u)", channel_id, injector->num_channel_connected);
+}
+
+static void
+ryx_input_injector_x11_channel_disconnected (RyxInputInjector *input_injector, guint channel_id)
+{
+  RETURN_IF_FOREIGN (input_injector);
+
+  RyxInputInjectorX11 *injector = RYX_INPUT_INJECTOR_X11 (input_injector);
+  if (injector->num_channel_connected == 0)
+    {
+      g_warning ("Channel %u disconnected, but no channel is connected", channel_id);
+      return;
+    }
+
+  injector->num_channel_connected--;
+  g_debug ("Channel %u disconnected (total connected: %u)", channel_id, injector->num_channel_connected);
+  if (injector->num_channel_connected > 0)
+    return;
+
+  release_surely ([=] { release_pressed_modifiers (injector); });
+  forget_pressed_modifiers (injector);
+}
+
 /* Life */
 
 static const gchar keymap_key[] = "ryx-keymap";
@@ -483,6 +483,14 @@ ryx_input_injector_x11_health_iface_init (RyxHealthInterface *)
 {
 }
 
+/* A server may leave out what it was asked for. */
+static gboolean
+is_description_whole (const XkbDescRec *xkb_desc)
+{
+  const XkbClientMapRec *map = xkb_desc->map;
+  return map && map->types && map->syms && map->key_sym_map;
+}
+
 static void
 init_xkb_desc (RyxInputInjectorX11 *input_injector)
 {
@@ -490,6 +498,8 @@ init_xkb_desc (RyxInputInjectorX11 *input_injector)
   ErrorTrap trap;
 
   input_injector->xkb_desc = XkbGetMap (xdisplay, xkb_map_components, XkbUseCoreKbd);
+  if (input_injector->xkb_desc && !is_description_whole (input_injector->xkb_desc))
+    XkbFreeKeyboard (g_steal_pointer (&input_injector->xkb_desc), 0, True);
   if (input_injector->xkb_desc)
     XkbGetNames (xdisplay, XkbSymbolsNameMask, input_injector->xkb_desc);
   trap.pop ();
@@ -530,8 +540,10 @@ static gchar *
 follow_server_repeat_mode (RyxInputInjectorX11 *input_injector)
 {
   XKeyboardState keyboard = {};
-  keyboard.global_auto_repeat = -1; /* stays if the server does not answer */
+  ErrorTrap trap;
   XGetKeyboardControl (gdk_x11_get_default_xdisplay (), &keyboard);
+  if (trap.pop () != 0)
+    keyboard.global_auto_repeat = -1; /* Xlib has filled in what it happened to find */
 
   switch (keyboard.global_auto_repeat)
     {

@@ -29,12 +29,6 @@ static const Implementation implementations[] = {
     "pointermonitorxcb", 200 },
 };
 
-static const gchar *const extension_points[] = {
-  RYX_DISPLAY_LAYOUT_MANAGER_EXTENSION_POINT, RYX_DISPLAY_ENUMERATOR_EXTENSION_POINT,
-  RYX_FRAME_BUFFER_READER_EXTENSION_POINT,    RYX_INPUT_INJECTOR_EXTENSION_POINT,
-  RYX_POINTER_MONITOR_EXTENSION_POINT,        nullptr,
-};
-
 /* The three functions that GIO looks for in the module and declares; nothing else is exported. */
 
 G_MODULE_EXPORT void
@@ -60,5 +54,9 @@ g_io_module_unload (GIOModule *)
 G_MODULE_EXPORT gchar **
 g_io_module_query (void)
 {
-  return g_strdupv (const_cast<gchar **> (extension_points));
+  g_autoptr (GStrvBuilder) extension_points = g_strv_builder_new ();
+
+  for (const Implementation &implementation : implementations)
+    g_strv_builder_add (extension_points, implementation.extension_point);
+  return g_strv_builder_end (extension_points);
 }

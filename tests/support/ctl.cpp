@@ -52,12 +52,23 @@ CtlRun::~CtlRun ()
 }
 
 gpointer
-CtlRun::read_all (gpointer data)
+CtlRun::read_errors (gpointer data)
 {
   auto *run = static_cast<CtlRun *> (data);
 
-  append_stream (g_subprocess_get_stdout_pipe (run->process), &run->out, &run->lock);
   append_stream (g_subprocess_get_stderr_pipe (run->process), &run->err, &run->lock);
+  return nullptr;
+}
+
+/* Both at once: a program stops while either is full. */
+gpointer
+CtlRun::read_all (gpointer data)
+{
+  auto *run = static_cast<CtlRun *> (data);
+  GThread *error_reader = g_thread_new ("ryxctl errors", read_errors, run);
+
+  append_stream (g_subprocess_get_stdout_pipe (run->process), &run->out, &run->lock);
+  g_thread_join (error_reader);
   return nullptr;
 }
 
@@ -69,10 +80,22 @@ CtlRun::write (const std::string &text)
 }
 
 void
+CtlRun::end_input ()
+{
+  g_output_stream_close (g_subprocess_get_stdin_pipe (process), nullptr, nullptr);
+}
+
+void
 CtlRun::interrupt ()
 {
   /* g_subprocess_send_signal () leaves it to another thread, for some time later. */
-  kill (atoi (g_subprocess_get_identifier (process)), SIGINT);
+  kill (pid (), SIGINT);
+}
+
+pid_t
+CtlRun::pid () const
+{
+  return atoi (g_subprocess_get_identifier (process));
 }
 
 int

@@ -16,7 +16,9 @@ public:
 
   /* To its standard input, which ends with the object. */
   void write (const std::string &text);
+  void end_input ();
   void interrupt ();
+  pid_t pid () const;
 
   /* Waits until the program has ended; -1 when it did not end by itself. */
   int status ();
@@ -28,6 +30,7 @@ public:
   bool wait_for_lines (unsigned n);
 
 private:
+  static gpointer read_errors (gpointer run);
   static gpointer read_all (gpointer run);
 
   GSubprocess *process;

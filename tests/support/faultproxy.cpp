@@ -163,7 +163,6 @@ Channel::flush ()
 struct FaultProxy::Request
 {
   std::string name;
-  unsigned client;
   uint64_t sequence; /* 0: the set-up */
   bool replied = false;
   std::string queried = {}; /* QueryExtension: the extension */
@@ -176,6 +175,10 @@ struct FaultProxy::Request
 
 struct FaultProxy::Client
 {
+  Client (unsigned client_number, int app_fd, int server_fd) : number (client_number), app (app_fd), server (server_fd)
+  {
+  }
+
   const unsigned number;
   Channel app, server;
   bool sent_setup = false, connected = false;
@@ -323,7 +326,8 @@ FaultProxy::pump ()
 
   do
     {
-      progress = accept_client (listeners[0]) | accept_client (listeners[1]);
+      progress = accept_client (listeners[0]);
+      progress |= accept_client (listeners[1]);
       for (auto &client : connections)
         progress |= relay (client);
       connections.remove_if ([] (const Client &client) { return client.server.ended && client.app.out.empty (); });
@@ -348,9 +352,10 @@ FaultProxy::accept_client (int listener)
 bool
 FaultProxy::relay (Client &client)
 {
-  const bool progress = (!client.deaf && client.app.receive ()) | client.server.receive ();
+  bool progress = !client.deaf && client.app.receive ();
   Bytes message;
 
+  progress |= client.server.receive ();
   while (!client.deaf && client.app.next (client.sent_setup ? REQUEST : CLIENT_SETUP, message))
     take_request (client, message);
   move_descriptors (client.server.fds_in, SIZE_MAX, client.app.fds_out);
@@ -405,14 +410,14 @@ substitute_for (const Bytes &request, const FaultRule &rule, uint64_t sequence)
 
 /* Whether the rule holds for the request, which counts as a match. */
 static bool
-applies (FaultRule &rule, const std::string &name, unsigned client, const Bytes &request)
+applies (FaultRule &rule, const std::string &name, const Bytes &request)
 {
   const auto has_value = [&] (const XField &field) {
     return field.offset + field.size <= request.size ()
            && memcmp (request.data () + field.offset, &field.value, field.size) == 0;
   };
-  if ((rule.request && name != rule.request) || (rule.client >= 0 && unsigned (rule.client) != client)
-      || !std::ranges::all_of (rule.where, has_value) || (rule.when && !rule.when (request)))
+  if ((rule.request && name != rule.request) || !std::ranges::all_of (rule.where, has_value)
+      || (rule.when && !rule.when (request)))
     return false;
   rule.matches++;
   return rule.nth == 0 || rule.nth == rule.matches;
@@ -427,13 +432,13 @@ FaultProxy::take_request (Client &client, const Bytes &bytes)
     plain.erase (plain.begin () + 4, plain.begin () + 8);
   client.sent_setup = true;
   client.outstanding.push_back (requests.size ());
-  requests.push_back ({ is_setup ? "Setup" : request_name (plain), client.number, is_setup ? 0 : ++client.sent });
+  requests.push_back ({ is_setup ? "Setup" : request_name (plain), is_setup ? 0 : ++client.sent });
 
   auto &request = requests.back ();
   if (request.name == "QueryExtension")
     request.queried.assign (plain.begin () + 8, plain.begin () + 8 + *as<uint16_t> (plain.data () + 4));
   for (const auto &[id, rule] : rules)
-    if (applies (*rule, request.name, client.number, plain) && !request.replaced)
+    if (applies (*rule, request.name, plain) && !request.replaced)
       {
         rule->hits++;
         request.replaced = rule->error || rule->cut || rule->answer;
@@ -575,26 +580,25 @@ FaultProxy::mark ()
 }
 
 FaultProxy::Trace
-FaultProxy::trace (int client)
+FaultProxy::trace ()
 {
   const auto lock = enter ();
   Trace trace;
 
   for (size_t i = marked; i < requests.size (); i++)
-    if (client < 0 || requests[i].client == unsigned (client))
-      {
-        trace.push_back (requests[i].name);
-        trace.round_trips += requests[i].replied;
-      }
+    {
+      trace.push_back (requests[i].name);
+      trace.round_trips += requests[i].replied;
+    }
   return trace;
 }
 
 FaultProxy::Trace
-FaultProxy::record (const std::function<void ()> &run, int client)
+FaultProxy::record (const std::function<void ()> &run)
 {
   mark ();
   run ();
-  return trace (client);
+  return trace ();
 }
 
 unsigned

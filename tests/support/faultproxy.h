@@ -43,7 +43,6 @@ struct XField
 struct FaultRule
 {
   const char *request = nullptr; /* NULL: any */
-  int client = -1;               /* number of the client, from 0 in the order of their connections; -1: any */
   unsigned nth = 0;              /* of the requests that match otherwise, from 1; 0: each of them */
   std::vector<XField> where = {};
   std::function<bool (const Bytes &request)> when = {}; /* a BIG-REQUESTS length has been taken out */
@@ -99,15 +98,15 @@ public:
     return arm_numbered ({ .nth = n + 1, .cut = true });
   }
 
-  /* The names of the requests since the mark (`record`: of those that `run` makes), in order, of one client or of all
-   * (-1), and how many of them got a reply. */
+  /* The names of the requests since the mark (`record`: of those that `run` makes), in order, and how many of them got
+   * a reply. */
   struct Trace : std::vector<std::string>
   {
     unsigned round_trips = 0;
   };
   void mark ();
-  Trace trace (int client = -1);
-  Trace record (const std::function<void ()> &run, int client = -1);
+  Trace trace ();
+  Trace record (const std::function<void ()> &run);
 
   /* How many clients have connected so far. */
   unsigned clients ();

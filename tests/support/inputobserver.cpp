@@ -42,6 +42,19 @@ InputObserver::InputObserver (const char *name) : display (XOpenDisplay (name))
   XSync (display, False);
 }
 
+/* As for a new keyboard. Xlib by itself fetches those keys that the notices read so far name, and drops notices that
+ * come in the meantime. */
+static void
+reload_keymap (Display *display)
+{
+  XkbMapNotifyEvent event = {};
+
+  XkbQueryExtension (display, nullptr, &event.type, nullptr, nullptr, nullptr);
+  event.xkb_type = XkbNewKeyboardNotify;
+  event.display = display;
+  XkbRefreshKeyboardMapping (&event);
+}
+
 void
 InputObserver::take_key (XKeyEvent &event)
 {
@@ -50,6 +63,8 @@ InputObserver::take_key (XKeyEvent &event)
   char utf8[8] = {};
 
   seen_strokes += (event.type == KeyPress ? "+" : "-") + std::to_string (event.keycode);
+  if (event.type == KeyPress)
+    reload_keymap (display);
   event.state &= ~ControlMask; /* which would make it a control character */
   XLookupString (&event, utf8, sizeof utf8, &keysym, nullptr);
   const gunichar character = gdk_keyval_to_unicode (keysym);
@@ -66,13 +81,11 @@ void
 InputObserver::look ()
 {
   XSync (display, False);
-  while (XPending (display))
+  for (int n = XPending (display); n > 0; n--) /* no more than that: a program that goes on typing would not be left */
     {
       XEvent event;
       XNextEvent (display, &event);
-      if (event.type == MappingNotify)
-        XRefreshKeyboardMapping (&event.xmapping);
-      else if (event.type == KeyPress || event.type == KeyRelease)
+      if (event.type == KeyPress || event.type == KeyRelease)
         take_key (event.xkey);
       else if (event.type == ButtonPress)
         seen_text += "(" + std::to_string (event.xbutton.button) + ")";

@@ -8,6 +8,7 @@
 
 #include "capture.h"
 #include "faultproxy.h"
+#include "fuzz.h"
 #include "xserver.h"
 
 /* What a scenario works with. */
@@ -52,3 +53,14 @@ std::ostream &operator<< (std::ostream &stream, const SweepScenario &scenario);
 /* Runs the scenario once for each request of its undisturbed run with that request answered by an X error, and once
  * with the connection cut there; then checks what must always hold. */
 void sweep (const SweepScenario &scenario);
+
+/* What the server may tell instead of the truth. */
+struct FuzzedReply
+{
+  const char *request;
+  void (Fuzz::*change) (Bytes &reply) = &Fuzz::change;
+};
+
+/* Runs the scenario again and again with one of these replies changed at random. It may fail in any way that its
+ * subject allows, must leave the server in order, and another subject must work afterwards. */
+void fuzz_replies (const SweepScenario &scenario, const std::vector<FuzzedReply> &replies, unsigned n_rounds);

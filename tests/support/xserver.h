@@ -18,8 +18,10 @@ class XServer
 public:
   enum Kind
   {
-    XVFB,      /* one output; the screen is 1280x1024x24 unless the arguments hold "-screen" */
-    XORG_DUMMY /* sixteen outputs, two of them connected; modes can be created */
+    XVFB,       /* one output; the screen is 1280x1024x24 unless the arguments hold "-screen" */
+    XORG_DUMMY, /* sixteen outputs, two of them connected; modes can be created */
+    XVNC,       /* in place of Xvfb when RYX_TEST_SERVER is "xvnc", with the same arguments, */
+    XEPHYR      /* or "xephyr"; the tests that these can't run are skipped */
   };
 
   explicit XServer (Kind kind, const std::vector<std::string> &arguments = {});
@@ -44,6 +46,10 @@ public:
   void kill ();
 
 private:
+  XServer () = default;
+  void start (std::vector<std::string> command);
+
+  std::unique_ptr<XServer> parent; /* whose window the screen is, for Xephyr */
   pid_t process = 0;
   std::string number, name; /* "57", ":57" */
 };

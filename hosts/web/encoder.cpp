@@ -1,0 +1,266 @@
+#include "encoder.h"
+
+#include <cstring>
+
+#include <png.h>
+
+/* A photograph of fewer blocks is not worth losing anything. */
+static constexpr guint32 least_photo_blocks = 16;
+static constexpr int jpeg_quality = 90;
+static constexpr int compression_level = 2; /* of PNG: level 1 is as fast, and more takes longer than it spares */
+
+struct __attribute__ ((packed)) UpdateHeader
+{
+  guint32 head, serial;
+  guint16 width, height, n_pictures;
+};
+
+struct __attribute__ ((packed)) PictureHeader
+{
+  guint16 x, y, width, height;
+  guint8 form, unused[3];
+  guint32 length;
+};
+
+static_assert (G_BYTE_ORDER == G_LITTLE_ENDIAN, "the messages are written as they lie in memory");
+
+template <typename T>
+static void
+append (GByteArray *bytes, const T &value)
+{
+  g_byte_array_append (bytes, reinterpret_cast<const guint8 *> (&value), sizeof value);
+}
+
+static guint
+get_pixel_size (RyxFrameData *image)
+{
+  return ryx_pixel_format_get_size (ryx_frame_data_get_format (image));
+}
+
+static const guint8 *
+get_pixel (RyxFrameData *image, guint32 x, guint32 y)
+{
+  return ryx_frame_data_get_data (image) + y * ryx_frame_data_get_stride (image) + x * get_pixel_size (image);
+}
+
+/* What is drawn has runs of one colour, a photograph has none. */
+static bool
+looks_like_photo (RyxFrameData *image, guint32 x, guint32 y, guint32 block_size)
+{
+  const guint pixel_size = get_pixel_size (image);
+  const guint32 width = MIN (block_size, ryx_frame_data_get_width (image) - x);
+  const guint32 bottom = MIN (y + block_size, ryx_frame_data_get_height (image));
+  guint n_runs = 0, n_pixels = 0;
+
+  for (; y < bottom; y += 4, n_pixels += width - 1)
+    {
+      const guint8 *pixel = get_pixel (image, x, y);
+
+      for (guint32 i = 1; i < width; i++, pixel += pixel_size)
+        n_runs += memcmp (pixel, pixel + pixel_size, 3) == 0;
+    }
+  return n_runs * 3 < n_pixels;
+}
+
+static void
+append_png (png_structp png, png_bytep data, png_size_t length)
+{
+  g_byte_array_append (static_cast<GByteArray *> (png_get_io_ptr (png)), data, length);
+}
+
+/* A PNG while it is written; libpng knows the pixels of the session as they lie in memory. */
+class PngWriter
+{
+public:
+  PngWriter (guint32 width, guint32 height, int colour_type, const std::vector<png_color> &palette, GByteArray *output)
+  {
+    const auto fail = [] (png_structp, png_const_charp message) { g_error ("Cannot write a picture: %s", message); };
+
+    png = png_create_write_struct (PNG_LIBPNG_VER_STRING, nullptr, fail, nullptr);
+    info = png_create_info_struct (png);
+    png_set_write_fn (png, output, append_png, nullptr);
+    png_set_IHDR (png, info, width, height, 8, colour_type, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
+                  PNG_FILTER_TYPE_DEFAULT);
+    if (!palette.empty ())
+      png_set_PLTE (png, info, palette.data (), palette.size ());
+    png_set_compression_level (png, compression_level);
+    png_set_filter (png, PNG_FILTER_TYPE_BASE, PNG_FILTER_NONE);
+    png_write_info (png, info);
+  }
+  ~PngWriter ()
+  {
+    png_write_end (png, nullptr);
+    png_destroy_write_struct (&png, &info);
+  }
+  PngWriter (const PngWriter &) = delete;
+  PngWriter &operator= (const PngWriter &) = delete;
+
+  png_structp png;
+
+private:
+  png_infop info;
+};
+
+/* Few colours are written as indices: a third of the bytes to compress. False when there are too many. */
+static bool
+index_colours (RyxFrameData *image, const RyxRect *rect, std::vector<png_color> *colours, std::vector<guint8> *indices)
+{
+  const guint pixel_size = get_pixel_size (image);
+  guint32 table[1024] = {}; /* colours by their hash, plus 1, and the index of each */
+  guint8 places[G_N_ELEMENTS (table)];
+
+  for (guint32 y = 0; y < rect->height; y++)
+    {
+      const guint8 *pixel = get_pixel (image, rect->x, rect->y + y);
+
+      for (guint32 x = 0, slot = 0; x < rect->width; x++, pixel += pixel_size)
+        {
+          const guint32 colour = (pixel[2] << 16 | pixel[1] << 8 | pixel[0]) + 1;
+
+          if (table[slot] != colour) /* of the pixel before */
+            for (slot = colour * 2654435761u >> 22; table[slot] != 0 && table[slot] != colour;)
+              slot = (slot + 1) % G_N_ELEMENTS (table);
+          if (table[slot] == 0)
+            {
+              if (colours->size () == 256)
+                return false;
+              table[slot] = colour;
+              places[slot] = colours->size ();
+              colours->push_back ({ pixel[2], pixel[1], pixel[0] });
+            }
+          indices->push_back (places[slot]);
+        }
+    }
+  return true;
+}
+
+static void
+write_png (RyxFrameData *image, const RyxRect *rect, GByteArray *output)
+{
+  std::vector<png_color> colours;
+  std::vector<guint8> indices;
+
+  indices.reserve (static_cast<gsize> (rect->width) * rect->height);
+  if (index_colours (image, rect, &colours, &indices))
+    {
+      const PngWriter writer (rect->width, rect->height, PNG_COLOR_TYPE_PALETTE, colours, output);
+      for (guint32 y = 0; y < rect->height; y++)
+        png_write_row (writer.png, &indices[static_cast<gsize> (y) * rect->width]);
+      return;
+    }
+
+  const PngWriter writer (rect->width, rect->height, PNG_COLOR_TYPE_RGB, {}, output);
+  png_set_bgr (writer.png);
+  if (get_pixel_size (image) == 4)
+    png_set_filler (writer.png, 0, PNG_FILLER_AFTER);
+  for (guint32 y = 0; y < rect->height; y++)
+    png_write_row (writer.png, get_pixel (image, rect->x, rect->y + y));
+}
+
+void
+write_cursor_png (RyxCursor *cursor, GByteArray *output)
+{
+  const auto *argb = static_cast<const guint8 *> (g_bytes_get_data (ryx_cursor_get_pixels (cursor), nullptr));
+  const guint32 width = ryx_cursor_get_width (cursor), height = ryx_cursor_get_height (cursor);
+  const PngWriter writer (width, height, PNG_COLOR_TYPE_RGBA, {}, output);
+
+  png_set_swap_alpha (writer.png);
+  for (guint32 y = 0; y < height; y++)
+    png_write_row (writer.png, argb + static_cast<gsize> (y) * width * 4);
+}
+
+static void
+write_jpeg (tjhandle compressor, RyxFrameData *image, const RyxRect *rect, GByteArray *output)
+{
+  const gsize offset = output->len;
+  unsigned long length = tjBufSize (rect->width, rect->height, TJSAMP_444);
+
+  g_byte_array_set_size (output, offset + length);
+  unsigned char *target = output->data + offset;
+  if (tjCompress2 (compressor, get_pixel (image, rect->x, rect->y), rect->width, ryx_frame_data_get_stride (image),
+                   rect->height, get_pixel_size (image) == 4 ? TJPF_BGRX : TJPF_BGR, &target, &length, TJSAMP_444,
+                   jpeg_quality, TJFLAG_NOREALLOC)
+      != 0)
+    g_error ("Cannot write a picture: %s", tjGetErrorStr2 (compressor));
+  g_byte_array_set_size (output, offset + length);
+}
+
+Encoder::Encoder () : compressor (tjInitCompress ()) {}
+
+Encoder::~Encoder ()
+{
+  tjDestroy (compressor);
+}
+
+void
+Encoder::add_picture (RyxFrameData *image, const RyxRect *rect, bool exact)
+{
+  const gsize offset = pictures->len;
+
+  if (exact)
+    write_png (image, rect, pictures);
+  else
+    write_jpeg (compressor, image, rect, pictures);
+  append (table, PictureHeader{ static_cast<guint16> (rect->x),
+                                static_cast<guint16> (rect->y),
+                                static_cast<guint16> (rect->width),
+                                static_cast<guint16> (rect->height),
+                                static_cast<guint8> (exact ? 0 : 1),
+                                {},
+                                static_cast<guint32> (pictures->len - offset) });
+}
+
+/* Sorts the marked blocks into two maps of the image. */
+static void
+sort_blocks (RyxFrameData *image, const Marks &marks, RyxDiffmap *exact, RyxDiffmap *photos)
+{
+  const guint32 block_size = ryx_diffmap_get_block_size (exact), columns = ryx_diffmap_get_columns (exact);
+  std::vector<RyxRect> photo_blocks;
+
+  for (guint32 i = 0; i < marks.size (); i++)
+    if (marks[i])
+      {
+        const RyxRect block = { i % columns * block_size, i / columns * block_size, block_size, block_size };
+
+        if (looks_like_photo (image, block.x, block.y, block_size))
+          photo_blocks.push_back (block);
+        else
+          ryx_diffmap_set_image_rect (exact, &block, 1);
+      }
+  for (const RyxRect &block : photo_blocks)
+    ryx_diffmap_set_image_rect (photo_blocks.size () < least_photo_blocks ? exact : photos, &block, 1);
+}
+
+GBytes *
+Encoder::encode (guint32 head, guint32 serial, RyxCapturedFrame *frame, const Marks &marks)
+{
+  table = g_byte_array_new ();
+  if (!frame)
+    {
+      append (table, UpdateHeader{ head, serial, 0, 0, 0 });
+      return g_byte_array_free_to_bytes (table);
+    }
+
+  RyxFrameData *image = ryx_captured_frame_get_frame_data (frame);
+  const guint32 width = ryx_frame_data_get_width (image), height = ryx_frame_data_get_height (image);
+  const guint32 block_size = ryx_diffmap_get_block_size (ryx_captured_frame_get_diffmap (frame));
+  g_autoptr (RyxDiffmap) exact = ryx_diffmap_new_all_zero (width, height, block_size);
+  g_autoptr (RyxDiffmap) photos = ryx_diffmap_new_all_zero (width, height, block_size);
+  sort_blocks (image, marks, exact, photos);
+
+  guint32 n_exact, n_photos;
+  g_autofree RyxRect *exact_rects = ryx_diffmap_get_rects (exact, &n_exact);
+  g_autofree RyxRect *photo_rects = ryx_diffmap_get_rects (photos, &n_photos);
+
+  pictures = g_byte_array_new ();
+  append (table, UpdateHeader{ head, serial, static_cast<guint16> (width), static_cast<guint16> (height),
+                               static_cast<guint16> (n_exact + n_photos) });
+  for (guint32 i = 0; i < n_exact; i++)
+    add_picture (image, &exact_rects[i], true);
+  for (guint32 i = 0; i < n_photos; i++)
+    add_picture (image, &photo_rects[i], false);
+
+  g_byte_array_append (table, pictures->data, pictures->len);
+  g_byte_array_unref (pictures);
+  return g_byte_array_free_to_bytes (table);
+}

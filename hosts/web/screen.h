@@ -1,0 +1,51 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include <json-glib/json-glib.h>
+
+#include "capturethread.h"
+#include "streamer.h"
+
+/* The heads of the session, each with a reader while somebody watches, and their layout: follows it, changes it, and
+ * brings back the one that was found. */
+class Screen
+{
+public:
+  /* on_original hears which layout to come back to, as a message for restore_left (); "" for none. */
+  Screen (Streamer *frame_streamer, std::function<void (const gchar *layout)> on_original);
+  ~Screen ();
+  Screen (const Screen &) = delete;
+  Screen &operator= (const Screen &) = delete;
+
+  gboolean open (GError **error);
+
+  void start_readers ();
+  void stop_readers ();
+
+  /* Asks for the heads of a client's message; FALSE with @error set when they can't be had. */
+  gboolean request (JsonObject *message, GError **error);
+
+  /* Comes back to the layout that was there before the first request. */
+  void restore ();
+  void set_original (const gchar *layout);
+
+private:
+  static void on_change (Screen *screen);
+  gboolean read_layout (GError **error);
+  void start_reader (guint32 head);
+  void retry (guint32 head, const GError *error);
+  void follow_heads ();
+
+  Streamer *const streamer;
+  const std::function<void (const gchar *layout)> original_changed;
+  GObject *enumerator = nullptr, *manager = nullptr;
+  std::vector<Head> heads;
+  std::string original; /* a layout message; empty: nothing was changed */
+  std::map<guint32, std::unique_ptr<CaptureThread>> readers;
+  std::vector<guint32> failed_readers;
+  guint retry_source = 0;
+  bool is_watched = false;
+};

@@ -1,0 +1,106 @@
+#pragma once
+
+#include <array>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <ryx/ryx.h>
+
+#include "encoder.h"
+#include "link.h"
+
+struct Head
+{
+  guint32 id;
+  std::string name;
+  RyxRect rect;
+  bool primary;
+};
+
+/* As the message that tells a client of them. */
+std::string describe_heads (const std::vector<Head> &heads);
+
+/* What a client is told beside pixels. Of each sort the newest text waits for its turn, and takes the place of an older
+ * one: a client that is slow misses what is over. */
+enum class Topic
+{
+  HEADS,
+  MESSAGE,
+  EVICTED_CURSOR,
+  CURSOR,
+  POINTER,
+};
+
+/* Brings the heads' pictures and a few texts to each client at the pace of its acknowledgements. A thread of its own
+ * encodes, from the newest frame at the time of sending, and once for all clients that lack the same blocks. What a
+ * client has not been sent yet costs a byte per block, however long it takes. */
+class Streamer
+{
+public:
+  explicit Streamer (Link *client_link);
+  ~Streamer ();
+  Streamer (const Streamer &) = delete;
+  Streamer &operator= (const Streamer &) = delete;
+
+  /* Any thread. */
+  void add_client (guint32 client);
+  void remove_client (guint32 client);
+  void set_heads (const std::vector<Head> &new_heads);
+  void take_frame (guint32 head, RyxCapturedFrame *frame);
+
+  /* client 0: all but @except. */
+  void tell (Topic topic, const std::string &text, guint32 client = 0, guint32 except = 0);
+
+  /* False when the client was not sent that. */
+  bool acknowledge (guint32 client, guint32 serial);
+
+private:
+  static constexpr gsize most_unacknowledged = 2;
+  static constexpr gsize n_topics = 5;
+
+  struct Source
+  {
+    RyxRect rect;
+    RyxCapturedFrame *frame; /* the newest; NULL before the first */
+  };
+
+  struct Client
+  {
+    std::deque<guint32> unacknowledged;
+    std::map<guint32, Marks> pending; /* per head, what it lacks; no entry: nothing */
+    std::array<std::string, n_topics> texts;
+    guint32 last_head = 0;
+  };
+
+  /* One update, and the texts that go before it. */
+  struct Turn
+  {
+    guint32 head = 0, serial = 0;
+    Marks marks;
+    RyxCapturedFrame *frame = nullptr; /* NULL: there are only texts */
+    std::vector<std::pair<guint32, std::string>> texts;
+    std::vector<guint32> receivers;
+  };
+
+  static gpointer run (gpointer streamer);
+  std::map<guint32, Client>::iterator choose_client ();
+  bool plan_turn (Turn *turn);
+  void play_turn (const Turn &turn);
+  bool is_ready (const Client &client) const;
+  void mark_all (Client &client);
+
+  Link *const link;
+  std::mutex mutex; /* of all that follows */
+  std::condition_variable work;
+  std::map<guint32, Source> sources;
+  std::map<guint32, Client> clients;
+  std::string heads_text;
+  guint32 last_served = 0, last_serial = 0;
+  bool is_stopping = false;
+  Encoder encoder; /* the thread's own */
+  GThread *thread;
+};
