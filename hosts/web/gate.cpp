@@ -19,6 +19,9 @@ static constexpr gsize most_text = 4096, most_payload = 65536;
 /* Of each client; twice as many at once. */
 static constexpr gdouble most_texts_per_second = 1000;
 static constexpr gint64 least_pong_interval = G_USEC_PER_SEC / 2;
+/* Of who controls and holds something down: a page says four times a second that it is there. */
+static constexpr gint64 longest_silence = 750 * (G_USEC_PER_SEC / 1000);
+static constexpr guint silence_check_ms = 50;
 /* Before another session is started, and for one to come to its end. */
 static constexpr guint least_pause_ms = 250, most_pause_ms = 2000, parting_ms = 5000;
 
@@ -64,6 +67,7 @@ private:
   static void on_text (SoupWebsocketConnection *socket, gint type, GBytes *text, gpointer client);
   static void on_closed (SoupWebsocketConnection *socket, gpointer client);
   static void on_session_exit (GObject *process, GAsyncResult *result, gpointer gate);
+  static gboolean on_silence_check (gpointer gate);
   static gboolean on_signal (gpointer gate);
 
   gboolean start_session (GError **error);
@@ -71,6 +75,7 @@ private:
   void start_session_later ();
   void take (Kind kind, guint32 client, GBytes *payload);
   void take_ready ();
+  void keep (GBytes **kept, GBytes *payload);
   void take_socket (SoupWebsocketConnection *socket);
   void tell_role (const GateClient &client);
   void tell_all (const gchar *text);
@@ -87,7 +92,7 @@ private:
   GBytes *held = nullptr, *layout = nullptr;
   bool is_ready = false, was_ready = false, is_ending = false;
   guint pause_ms = least_pause_ms;
-  guint pause_source = 0;
+  guint pause_source = 0, silence_source = 0;
   int exit_status = EXIT_DONE;
 };
 
@@ -101,6 +106,7 @@ Gate::Gate ()
 Gate::~Gate ()
 {
   g_clear_handle_id (&pause_source, g_source_remove);
+  g_clear_handle_id (&silence_source, g_source_remove);
   g_clear_pointer (&held, g_bytes_unref);
   g_clear_pointer (&layout, g_bytes_unref);
   g_clear_object (&session);
@@ -288,11 +294,7 @@ Gate::take (Kind kind, guint32 id, GBytes *payload)
         g_printerr ("%s", text);
     }
   else if (kind == Kind::HELD || kind == Kind::LAYOUT)
-    {
-      GBytes *&kept = kind == Kind::HELD ? held : layout;
-      g_clear_pointer (&kept, g_bytes_unref);
-      kept = length > 0 ? g_bytes_ref (payload) : nullptr;
-    }
+    keep (kind == Kind::HELD ? &held : &layout, payload);
   else if (found == clients.end () || !is_open (found->second))
     return;
   else if (kind == Kind::UPDATE)
@@ -301,6 +303,37 @@ Gate::take (Kind kind, guint32 id, GBytes *payload)
     tell (found->second, text);
   else if (kind == Kind::REFUSE)
     refuse (found->second, SOUP_WEBSOCKET_CLOSE_POLICY_VIOLATION, text);
+}
+
+void
+Gate::keep (GBytes **kept, GBytes *payload)
+{
+  g_clear_pointer (kept, g_bytes_unref);
+  if (g_bytes_get_size (payload) > 0)
+    *kept = g_bytes_ref (payload);
+  if (held && silence_source == 0) /* what has arrived is read first, also after this process stood still */
+    silence_source = g_timeout_add_full (G_PRIORITY_LOW, silence_check_ms, on_silence_check, this, nullptr);
+}
+
+/* A network that dies without a word leaves its connection open for half a minute. */
+gboolean
+Gate::on_silence_check (gpointer data)
+{
+  auto *gate = static_cast<Gate *> (data);
+  const auto found = gate->clients.find (gate->controller);
+  const bool is_heard
+    = found == gate->clients.end () || g_get_monotonic_time () - found->second.last_text < longest_silence;
+
+  if (gate->held && (is_heard || !gate->is_ready))
+    return G_SOURCE_CONTINUE;
+  if (gate->held)
+    {
+      static const gchar release[] = "{\"type\":\"release\"}";
+      gate->link->post (Kind::TEXT, gate->controller, release, strlen (release));
+      tell (found->second, "{\"type\":\"released\"}");
+    }
+  gate->silence_source = 0;
+  return G_SOURCE_REMOVE;
 }
 
 void

@@ -62,9 +62,14 @@ Pointer::on_moved (Pointer *pointer, guint x, guint y)
   if (x == pointer->x && y == pointer->y)
     return;
 
+  const guint32 mover = pointer->input->get_mover (x, y);
   pointer->x = x;
   pointer->y = y;
-  pointer->streamer->tell (Topic::POINTER, describe_position (x, y), 0, pointer->input->get_mover (x, y));
+  pointer->streamer->tell (Topic::POINTER, describe_position (x, y), 0, mover);
+  /* It may have heard of another's move after it made its own. */
+  if (mover && pointer->was_told)
+    pointer->streamer->tell (Topic::POINTER, "{\"type\":\"pointer\"}", mover);
+  pointer->was_told = !mover;
 }
 
 void
@@ -95,6 +100,7 @@ Pointer::introduce (guint32 client)
 
   streamer->tell (Topic::CURSOR, define_cursor (shown), client);
   streamer->tell (Topic::POINTER, describe_position (x, y), client);
+  was_told = true;
 }
 
 void

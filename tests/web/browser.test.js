@@ -5,7 +5,7 @@ import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import test, { after, before } from 'node:test';
 import { launch } from './screenshot.js';
-import { atEnd, eventually, observe, startServer, startWeb } from './support.js';
+import { atEnd, eventually, observe, sleep, startServer, startWeb } from './support.js';
 
 let browser;
 before(async () => { browser = await launch(); });
@@ -86,8 +86,13 @@ test('plays text, clicks, drags and wheels', async t => {
   await reads('(1)(3)(2)');
   await page.mouse.down();
   await page.mouse.move(...await pageAt(page, 300, 220), { steps: 5 });
+  await sleep(1200); // what is still held says nothing but that
   await eventually(() => observer.ask('pointer'), '300 220 1');
+  const silence = page.evaluate(() => { for (const end = performance.now() + 2000; performance.now() < end;); });
+  await observer.idle(1500);
+  await silence;
   await page.mouse.move(1279, 799);
+  await eventually(() => observer.ask('pointer'), pointer => pointer.endsWith(' 1'));
   await page.mouse.up();
   await eventually(() => observer.ask('pointer'), pointer => pointer.endsWith(' 0'));
   await observer.ask('forget');

@@ -3,7 +3,7 @@ import assert from 'node:assert/strict';
 import { spawnSync } from 'node:child_process';
 import { readFileSync } from 'node:fs';
 import test from 'node:test';
-import { Client, eventually, getCookie, observe, startServer, startWeb } from './support.js';
+import { Client, eventually, getCookie, observe, sleep, startServer, startWeb } from './support.js';
 
 const { RYX_WEB } = process.env;
 
@@ -155,6 +155,7 @@ for (const [name, end] of [
   ['a release', ({ client }) => client.send({ type: 'release' })],
   ['a closed page', ({ client }) => client.socket.close()],
   ['a cut connection', ({ client }) => client.socket.terminate()],
+  ['the last word of a silent network', ({ client }) => { client.acknowledges = false; }],
   ['a killed server', ({ web }) => web.stop('SIGKILL')],
   ['a killed session', ({ web }) => process.kill(childOf(web.process), 'SIGKILL')],
   ['the end of the program', ({ web }) => web.stop().then(code => assert.equal(code, 0))],
@@ -172,6 +173,20 @@ for (const [name, end] of [
     await end({ web, client });
     await observer.idle(1000);
   });
+
+test('keeps down what a client holds that can be heard', async t => {
+  const { observer, connect } = await start(t, 'xvfb');
+  const client = await connect();
+  await client.controls();
+  client.key('Control', true, 1);
+  for (let i = 0; i < 20; i++) {
+    await sleep(100);
+    client.send({ type: 'ping', time: i });
+  }
+  assert.match(await observer.ask('keyboard'), / mods 4 /);
+  await eventually(() => client.last('released'), Boolean);
+  await observer.idle(0);
+});
 
 test('answers while the X server is grabbed', async t => {
   const { observer, connect } = await start(t, 'xvfb');

@@ -2,6 +2,8 @@
  * delay that grows. A server that answers nothing any more counts as lost. */
 
 const FIRST_DELAY = 250, LAST_DELAY = 4000, PING_INTERVAL = 2000, SILENCE = 6000;
+/* While something is held down: the server lets go of what a page holds that it does not hear. */
+const HOLDING_INTERVAL = 250;
 
 export class Connection {
   #url;
@@ -9,12 +11,13 @@ export class Connection {
   #socket = null;
   #delay = FIRST_DELAY;
   #retry = 0;
-  #asked = 0; // when the unanswered ping was sent
+  #asked = 0; // when the first unanswered ping was sent
+  #pinged = 0; // when the last one was
 
   constructor(url, handlers) {
     this.#url = url;
     this.#handlers = handlers;
-    setInterval(() => this.#ping(), PING_INTERVAL);
+    setInterval(() => this.#ping(handlers.isHolding() ? 0 : PING_INTERVAL), HOLDING_INTERVAL);
     addEventListener('online', () => this.#open());
     this.#open();
   }
@@ -34,7 +37,7 @@ export class Connection {
       this.#delay = FIRST_DELAY;
       this.#asked = 0;
       this.#handlers.opened();
-      this.#ping();
+      this.#ping(0);
     };
     socket.onmessage = ({ data }) => this.#receive(data);
     socket.onclose = event => this.#lose(event.reason);
@@ -50,15 +53,14 @@ export class Connection {
     this.#handlers.latency(performance.now() - message.time);
   }
 
-  #ping() {
-    if (this.#socket?.readyState !== WebSocket.OPEN)
-      return;
+  #ping(interval) {
     const now = performance.now();
+    if (this.#socket?.readyState !== WebSocket.OPEN || now - this.#pinged < interval)
+      return;
     if (this.#asked && now - this.#asked > SILENCE)
       return this.#lose('');
-    if (this.#asked)
-      return;
-    this.#asked = now;
+    this.#asked ||= now;
+    this.#pinged = now;
     this.send({ type: 'ping', time: now });
   }
 

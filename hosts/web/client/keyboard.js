@@ -72,9 +72,18 @@ export class Keyboard {
     return [...this.#press(key, key, 0), ...this.#lift(key)];
   }
 
+  get isHolding() {
+    return this.#pressed.size > 0;
+  }
+
+  /* The session has let go of everything. */
+  forget() {
+    this.#pressed.clear();
+  }
+
   release() {
     this.#modifiers.clear();
-    this.#pressed.clear();
+    this.forget();
     this.#dead = false;
     return [{ type: 'release' }];
   }

@@ -38,6 +38,7 @@ const connection = new Connection(new URL('session', location.href.replace(/^htt
     drawn.push(performance.now());
   },
   message: message => messages[message.type]?.(message),
+  isHolding: () => hasControl && (keyboard.isHolding || pointer.isHolding),
   latency(milliseconds) {
     latency = milliseconds;
     showPace();
@@ -54,6 +55,11 @@ const messages = {
     isViewOnly = viewOnly;
     showState();
   },
+  /* The network was silent for too long; what is still held is pressed anew when it is needed. */
+  released() {
+    keyboard.forget();
+    pointer.forget();
+  },
   session({ state }) {
     isUp = state === 'up';
     if (!isUp)
@@ -66,7 +72,7 @@ const messages = {
   },
   cursor: message => cursors.use(message),
   'cursor-evicted': ({ id }) => cursors.evict(id),
-  pointer: ({ x, y }) => cursors.show(...screen.toPage(x, y)),
+  pointer: ({ x, y }) => x === undefined ? cursors.hide() : cursors.show(...screen.toPage(x, y)),
   message({ text }) {
     passingWords = asSentence(text);
     clearTimeout(passingTimer);

@@ -77,5 +77,5 @@ export function watchPointer(element, { send, locate, press, isActive }) {
   /* No menu, no page back, nothing dragged out: all of that is the session's. */
   on(['wheel', 'mousedown', 'mouseup', 'auxclick', 'contextmenu', 'dragstart'], event => event.preventDefault());
 
-  return { forget: () => { buttons = 0; } };
+  return { get isHolding() { return buttons !== 0; }, forget: () => { buttons = 0; } };
 }
