@@ -79,13 +79,14 @@ public:
     png = png_create_write_struct (PNG_LIBPNG_VER_STRING, nullptr, fail, nullptr);
     info = png_create_info_struct (png);
     png_set_write_fn (png, output, append_png, nullptr);
-    png_set_IHDR (png, info, width, height, 8, colour_type, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
-                  PNG_FILTER_TYPE_DEFAULT);
+    png_set_IHDR (png, info, width, height, get_depth (palette.size ()), colour_type, PNG_INTERLACE_NONE,
+                  PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     if (!palette.empty ())
       png_set_PLTE (png, info, palette.data (), palette.size ());
     png_set_compression_level (png, compression_level);
     png_set_filter (png, PNG_FILTER_TYPE_BASE, PNG_FILTER_NONE);
     png_write_info (png, info);
+    png_set_packing (png);
   }
   ~PngWriter ()
   {
@@ -98,10 +99,17 @@ public:
   png_structp png;
 
 private:
+  /* The bits of a sample; text in two colours has one to compress for each of its pixels. */
+  static int
+  get_depth (gsize n_colours)
+  {
+    return n_colours == 0 || n_colours > 16 ? 8 : n_colours > 4 ? 4 : n_colours > 2 ? 2 : 1;
+  }
+
   png_infop info;
 };
 
-/* Few colours are written as indices: a third of the bytes to compress. False when there are too many. */
+/* Few colours are written as indices: a third of the bytes to compress, or less. False when there are too many. */
 static bool
 index_colours (RyxFrameData *image, const RyxRect *rect, std::vector<png_color> *colours, std::vector<guint8> *indices)
 {
