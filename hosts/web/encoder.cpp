@@ -3,9 +3,10 @@
 #include <cstring>
 
 #include <png.h>
+#include <zlib.h>
 
 /* A photograph of fewer blocks is not worth losing anything. */
-static constexpr guint32 least_photo_blocks = 16;
+static constexpr guint32 least_photo_blocks = 64;
 static constexpr int jpeg_quality = 90;
 static constexpr int compression_level = 2; /* of PNG: level 1 is as fast, and more takes longer than it spares */
 
@@ -43,23 +44,34 @@ get_pixel (RyxFrameData *image, guint32 x, guint32 y)
   return ryx_frame_data_get_data (image) + y * ryx_frame_data_get_stride (image) + x * get_pixel_size (image);
 }
 
-/* What is drawn has runs of one colour, a photograph has none. */
-static bool
-looks_like_photo (RyxFrameData *image, guint32 x, guint32 y, guint32 block_size)
+template <guint pixel_size>
+static guint32
+get_colour (const guint8 *pixel)
 {
-  const guint pixel_size = get_pixel_size (image);
-  const guint32 width = MIN (block_size, ryx_frame_data_get_width (image) - x);
-  const guint32 bottom = MIN (y + block_size, ryx_frame_data_get_height (image));
-  guint n_runs = 0, n_pixels = 0;
+  guint32 colour = 0;
 
-  for (; y < bottom; y += 4, n_pixels += width - 1)
+  memcpy (&colour, pixel, pixel_size);
+  return colour & 0xffffff;
+}
+
+/* What is drawn stands on a ground, whose colour comes back all the time; a photograph hardly repeats itself. */
+template <guint pixel_size>
+static bool
+looks_like_photo (RyxFrameData *image, const RyxRect &block)
+{
+  constexpr guint32 distance = 4;
+  const guint32 width = MIN (block.width, ryx_frame_data_get_width (image) - block.x);
+  const guint32 bottom = MIN (block.y + block.height, ryx_frame_data_get_height (image));
+  guint n_same = 0, n_pairs = 0;
+
+  for (guint32 y = block.y; y < bottom; y += 2)
     {
-      const guint8 *pixel = get_pixel (image, x, y);
+      const guint8 *pixel = get_pixel (image, block.x, y);
 
-      for (guint32 i = 1; i < width; i++, pixel += pixel_size)
-        n_runs += memcmp (pixel, pixel + pixel_size, 3) == 0;
+      for (guint32 x = distance; x < width; x++, n_pairs++, pixel += pixel_size)
+        n_same += get_colour<pixel_size> (pixel) == get_colour<pixel_size> (pixel + distance * pixel_size);
     }
-  return n_runs * 3 < n_pixels;
+  return n_same * 8 < n_pairs;
 }
 
 static void
@@ -84,7 +96,9 @@ public:
     if (!palette.empty ())
       png_set_PLTE (png, info, palette.data (), palette.size ());
     png_set_compression_level (png, compression_level);
-    png_set_filter (png, PNG_FILTER_TYPE_BASE, PNG_FILTER_NONE);
+    if (palette.empty ()) /* what has many colours is hardly alike at any distance: looking for that takes long */
+      png_set_compression_strategy (png, Z_RLE);
+    png_set_filter (png, PNG_FILTER_TYPE_BASE, palette.empty () ? PNG_FILTER_SUB : PNG_FILTER_NONE);
     png_write_info (png, info);
     png_set_packing (png);
   }
@@ -109,57 +123,83 @@ private:
   png_infop info;
 };
 
-/* Few colours are written as indices: a third of the bytes to compress, or less. False when there are too many. */
-static bool
-index_colours (RyxFrameData *image, const RyxRect *rect, std::vector<png_color> *colours, std::vector<guint8> *indices)
+/* The colours of a picture by their hash, and the index of each. */
+class Palette
 {
-  const guint pixel_size = get_pixel_size (image);
-  guint32 table[1024] = {}; /* colours by their hash, plus 1, and the index of each */
-  guint8 places[G_N_ELEMENTS (table)];
+public:
+  /* The index of a colour, which may be new; -1 when there are too many. */
+  int
+  find (guint32 colour)
+  {
+    guint32 slot = colour * 2654435761u >> 22;
+
+    while (keys[slot] != 0 && keys[slot] != colour + 1)
+      slot = (slot + 1) % G_N_ELEMENTS (keys);
+    if (keys[slot] == 0)
+      {
+        if (colours.size () == 256)
+          return -1;
+        keys[slot] = colour + 1;
+        indices[slot] = colours.size ();
+        colours.push_back ({ static_cast<png_byte> (colour >> 16), static_cast<png_byte> (colour >> 8),
+                             static_cast<png_byte> (colour) });
+      }
+    return indices[slot];
+  }
+
+  std::vector<png_color> colours;
+
+private:
+  guint32 keys[1024] = {}; /* colours, plus 1; 0: free */
+  guint8 indices[1024];
+};
+
+/* Few colours are written as indices: a third of the bytes to compress, or less. False when there are too many. */
+template <guint pixel_size>
+static bool
+index_colours (RyxFrameData *image, const RyxRect *rect, Palette *palette, guint8 *index)
+{
+  guint32 colour = get_colour<pixel_size> (get_pixel (image, rect->x, rect->y));
+  int found = palette->find (colour);
 
   for (guint32 y = 0; y < rect->height; y++)
     {
       const guint8 *pixel = get_pixel (image, rect->x, rect->y + y);
 
-      for (guint32 x = 0, slot = 0; x < rect->width; x++, pixel += pixel_size)
+      for (guint32 x = 0; x < rect->width; x++, pixel += pixel_size)
         {
-          const guint32 colour = (pixel[2] << 16 | pixel[1] << 8 | pixel[0]) + 1;
-
-          if (table[slot] != colour) /* of the pixel before */
-            for (slot = colour * 2654435761u >> 22; table[slot] != 0 && table[slot] != colour;)
-              slot = (slot + 1) % G_N_ELEMENTS (table);
-          if (table[slot] == 0)
+          if (get_colour<pixel_size> (pixel) != colour)
             {
-              if (colours->size () == 256)
+              colour = get_colour<pixel_size> (pixel);
+              found = palette->find (colour);
+              if (found < 0)
                 return false;
-              table[slot] = colour;
-              places[slot] = colours->size ();
-              colours->push_back ({ pixel[2], pixel[1], pixel[0] });
             }
-          indices->push_back (places[slot]);
+          *index++ = found;
         }
     }
   return true;
 }
 
-static void
-write_png (RyxFrameData *image, const RyxRect *rect, GByteArray *output)
+void
+Encoder::write_png (RyxFrameData *image, const RyxRect *rect)
 {
-  std::vector<png_color> colours;
-  std::vector<guint8> indices;
+  const bool is_padded = get_pixel_size (image) == 4;
+  Palette palette;
 
-  indices.reserve (static_cast<gsize> (rect->width) * rect->height);
-  if (index_colours (image, rect, &colours, &indices))
+  indices.resize (MAX (indices.size (), static_cast<gsize> (rect->width) * rect->height));
+  if (is_padded ? index_colours<4> (image, rect, &palette, indices.data ())
+                : index_colours<3> (image, rect, &palette, indices.data ()))
     {
-      const PngWriter writer (rect->width, rect->height, PNG_COLOR_TYPE_PALETTE, colours, output);
+      const PngWriter writer (rect->width, rect->height, PNG_COLOR_TYPE_PALETTE, palette.colours, pictures);
       for (guint32 y = 0; y < rect->height; y++)
         png_write_row (writer.png, &indices[static_cast<gsize> (y) * rect->width]);
       return;
     }
 
-  const PngWriter writer (rect->width, rect->height, PNG_COLOR_TYPE_RGB, {}, output);
+  const PngWriter writer (rect->width, rect->height, PNG_COLOR_TYPE_RGB, {}, pictures);
   png_set_bgr (writer.png);
-  if (get_pixel_size (image) == 4)
+  if (is_padded)
     png_set_filler (writer.png, 0, PNG_FILLER_AFTER);
   for (guint32 y = 0; y < rect->height; y++)
     png_write_row (writer.png, get_pixel (image, rect->x, rect->y + y));
@@ -206,7 +246,7 @@ Encoder::add_picture (RyxFrameData *image, const RyxRect *rect, bool exact)
   const gsize offset = pictures->len;
 
   if (exact)
-    write_png (image, rect, pictures);
+    write_png (image, rect);
   else
     write_jpeg (compressor, image, rect, pictures);
   append (table, PictureHeader{ static_cast<guint16> (rect->x),
@@ -223,6 +263,7 @@ static void
 sort_blocks (RyxFrameData *image, const Marks &marks, RyxDiffmap *exact, RyxDiffmap *photos)
 {
   const guint32 block_size = ryx_diffmap_get_block_size (exact), columns = ryx_diffmap_get_columns (exact);
+  const bool is_padded = get_pixel_size (image) == 4;
   std::vector<RyxRect> photo_blocks;
 
   for (guint32 i = 0; i < marks.size (); i++)
@@ -230,7 +271,7 @@ sort_blocks (RyxFrameData *image, const Marks &marks, RyxDiffmap *exact, RyxDiff
       {
         const RyxRect block = { i % columns * block_size, i / columns * block_size, block_size, block_size };
 
-        if (looks_like_photo (image, block.x, block.y, block_size))
+        if (is_padded ? looks_like_photo<4> (image, block) : looks_like_photo<3> (image, block))
           photo_blocks.push_back (block);
         else
           ryx_diffmap_set_image_rect (exact, &block, 1);

@@ -23,10 +23,12 @@ public:
 
 private:
   void add_picture (RyxFrameData *image, const RyxRect *rect, bool exact);
+  void write_png (RyxFrameData *image, const RyxRect *rect);
 
   tjhandle compressor;
   GByteArray *table = nullptr;    /* of one update: what its pictures are */
   GByteArray *pictures = nullptr; /* and themselves, one behind the other */
+  std::vector<guint8> indices;    /* of a picture's colours */
 };
 
 /* Appends the cursor's picture, with its transparency. */

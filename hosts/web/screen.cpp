@@ -7,7 +7,7 @@
 #include "message.h"
 #include "ryxweb.h"
 
-static constexpr guint block_size = 32;
+static constexpr guint block_size = 16;
 static constexpr guint most_heads = 64;
 static constexpr guint retry_ms = 1000;
 

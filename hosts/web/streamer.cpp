@@ -48,12 +48,12 @@ Streamer::mark_all (Client &client)
 void
 Streamer::add_client (guint32 id)
 {
-  const std::lock_guard lock (mutex);
+  std::unique_lock lock (mutex);
   Client &client = clients[id];
 
   client.texts[static_cast<gsize> (Topic::HEADS)] = heads_text;
   mark_all (client);
-  work.notify_one ();
+  wake (lock);
 }
 
 void
@@ -78,7 +78,7 @@ describe_heads (const std::vector<Head> &heads)
 void
 Streamer::set_heads (const std::vector<Head> &heads)
 {
-  const std::lock_guard lock (mutex);
+  std::unique_lock lock (mutex);
   std::map<guint32, Source> old_sources = std::exchange (sources, {});
 
   for (const Head &head : heads)
@@ -92,13 +92,13 @@ Streamer::set_heads (const std::vector<Head> &heads)
       client.texts[static_cast<gsize> (Topic::HEADS)] = heads_text;
       mark_all (client);
     }
-  work.notify_one ();
+  wake (lock);
 }
 
 void
 Streamer::take_frame (guint32 head, RyxCapturedFrame *frame)
 {
-  const std::lock_guard lock (mutex);
+  std::unique_lock lock (mutex);
   const auto found = sources.find (head);
   if (found == sources.end ())
     return;
@@ -115,24 +115,24 @@ Streamer::take_frame (guint32 head, RyxCapturedFrame *frame)
       if (!fits (frame, found->second.rect))
         client.pending.erase (head);
     }
-  work.notify_one ();
+  wake (lock);
 }
 
 void
 Streamer::tell (Topic topic, const std::string &text, guint32 client, guint32 except)
 {
-  const std::lock_guard lock (mutex);
+  std::unique_lock lock (mutex);
 
   for (auto &[id, told] : clients)
     if (client ? id == client : id != except)
       told.texts[static_cast<gsize> (topic)] = text;
-  work.notify_one ();
+  wake (lock);
 }
 
 bool
 Streamer::acknowledge (guint32 id, guint32 serial)
 {
-  const std::lock_guard lock (mutex);
+  std::unique_lock lock (mutex);
   const auto found = clients.find (id);
   if (found == clients.end ())
     return false;
@@ -143,7 +143,7 @@ Streamer::acknowledge (guint32 id, guint32 serial)
     return false;
 
   sent.erase (sent.begin (), acknowledged + 1);
-  work.notify_one ();
+  wake (lock);
   return true;
 }
 
@@ -154,6 +154,17 @@ Streamer::is_ready (const Client &client) const
          && (!client.pending.empty ()
              || std::any_of (client.texts.begin (), client.texts.end (),
                              [] (const std::string &text) { return !text.empty (); }));
+}
+
+/* The thread, if there is work for it; it needs the lock. */
+void
+Streamer::wake (std::unique_lock<std::mutex> &lock)
+{
+  const bool has_work = choose_client () != clients.end ();
+
+  lock.unlock ();
+  if (has_work)
+    work.notify_one ();
 }
 
 /* The client that has waited longest; end () when nobody can be served. */

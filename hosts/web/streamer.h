@@ -87,6 +87,7 @@ private:
   };
 
   static gpointer run (gpointer streamer);
+  void wake (std::unique_lock<std::mutex> &lock);
   std::map<guint32, Client>::iterator choose_client ();
   bool plan_turn (Turn *turn);
   void play_turn (const Turn &turn);
