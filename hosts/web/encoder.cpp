@@ -281,8 +281,9 @@ sort_blocks (RyxFrameData *image, const Marks &marks, RyxDiffmap *exact, RyxDiff
 }
 
 GBytes *
-Encoder::encode (guint32 head, guint32 serial, RyxCapturedFrame *frame, const Marks &marks)
+Encoder::encode (guint32 head, guint32 serial, RyxCapturedFrame *frame, const Marks &marks, bool *has_photos)
 {
+  *has_photos = false;
   table = g_byte_array_new ();
   if (!frame)
     {
@@ -300,6 +301,7 @@ Encoder::encode (guint32 head, guint32 serial, RyxCapturedFrame *frame, const Ma
   guint32 n_exact, n_photos;
   g_autofree RyxRect *exact_rects = ryx_diffmap_get_rects (exact, &n_exact);
   g_autofree RyxRect *photo_rects = ryx_diffmap_get_rects (photos, &n_photos);
+  *has_photos = n_photos > 0;
 
   pictures = g_byte_array_new ();
   append (table, UpdateHeader{ head, serial, static_cast<guint16> (width), static_cast<guint16> (height),

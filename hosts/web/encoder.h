@@ -18,8 +18,8 @@ public:
   Encoder (const Encoder &) = delete;
   Encoder &operator= (const Encoder &) = delete;
 
-  /* New. @frame NULL: there is nothing but a request for an acknowledgement. */
-  GBytes *encode (guint32 head, guint32 serial, RyxCapturedFrame *frame, const Marks &marks);
+  /* New. @frame NULL: there is nothing but a request for an acknowledgement. @has_photos: something may be lost. */
+  GBytes *encode (guint32 head, guint32 serial, RyxCapturedFrame *frame, const Marks &marks, bool *has_photos);
 
 private:
   void add_picture (RyxFrameData *image, const RyxRect *rect, bool exact);

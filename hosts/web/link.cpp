@@ -13,11 +13,15 @@ static constexpr gsize most_kept = 1 << 20;
 static constexpr guint32 most_payload = 256 << 20;
 
 Link::Link (int descriptor, gint priority, Handlers link_handlers)
-    : fd (descriptor), handlers (std::move (link_handlers)),
-      input_source (
-        g_unix_fd_add_full (priority, fd, static_cast<GIOCondition> (G_IO_IN | G_IO_HUP), on_input, this, nullptr)),
-      kept (g_byte_array_new ())
+    : fd (descriptor), handlers (std::move (link_handlers)), kept (g_byte_array_new ())
 {
+  g_autoptr (GSource) source = g_unix_fd_source_new (fd, static_cast<GIOCondition> (G_IO_IN | G_IO_HUP));
+
+  g_source_set_callback (source, G_SOURCE_FUNC (on_input), this, nullptr);
+  g_source_set_priority (source, priority);
+  /* Nothing here does; but to keep others from it, the main loop wakes itself up twice for each message. */
+  g_source_set_can_recurse (source, TRUE);
+  input_source = g_source_attach (source, nullptr);
 }
 
 Link::~Link ()

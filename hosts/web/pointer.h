@@ -33,5 +33,5 @@ private:
   RyxCursor *shown = nullptr; /* NULL before the first */
   guint x = 0, y = 0;
   bool was_told = false; /* also to who moves it, since its own last move */
-  guint32 asking = 0; /* who required the cursor that is being retrieved */
+  guint32 asking = 0;    /* who required the cursor that is being retrieved */
 };

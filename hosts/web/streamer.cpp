@@ -147,11 +147,31 @@ Streamer::acknowledge (guint32 id, guint32 serial)
   return true;
 }
 
+/* The first entry behind a key, and then from the beginning, that fits; end () when none does. */
+template <typename Map, typename Predicate>
+static auto
+find_next (Map &map, guint32 key, Predicate fits)
+{
+  const auto next = std::find_if (map.upper_bound (key), map.end (), fits);
+
+  return next != map.end () ? next : std::find_if (map.begin (), map.end (), fits);
+}
+
+/* What a client lacks of a head that may be sent now. */
+std::map<guint32, Marks>::const_iterator
+Streamer::choose_head (const Client &client) const
+{
+  const auto now = Clock::now ();
+
+  return find_next (client.pending, client.last_head,
+                    [&] (const auto &lacking) { return sources.at (lacking.first).due <= now; });
+}
+
 bool
 Streamer::is_ready (const Client &client) const
 {
   return client.unacknowledged.size () < most_unacknowledged
-         && (!client.pending.empty ()
+         && (choose_head (client) != client.pending.end ()
              || std::any_of (client.texts.begin (), client.texts.end (),
                              [] (const std::string &text) { return !text.empty (); }));
 }
@@ -171,10 +191,7 @@ Streamer::wake (std::unique_lock<std::mutex> &lock)
 std::map<guint32, Streamer::Client>::iterator
 Streamer::choose_client ()
 {
-  const auto can_be_served = [this] (const auto &entry) { return is_ready (entry.second); };
-  const auto next = std::find_if (clients.upper_bound (last_served), clients.end (), can_be_served);
-
-  return next != clients.end () ? next : std::find_if (clients.begin (), clients.end (), can_be_served);
+  return find_next (clients, last_served, [this] (const auto &entry) { return is_ready (entry.second); });
 }
 
 /* Serves one client, and with it all that lack the same of its next head; false when nobody can be served. */
@@ -185,9 +202,7 @@ Streamer::plan_turn (Turn *turn)
   if (chosen == clients.end ())
     return false;
 
-  auto lacking = chosen->second.pending.upper_bound (chosen->second.last_head);
-  if (lacking == chosen->second.pending.end ())
-    lacking = chosen->second.pending.begin ();
+  const auto lacking = choose_head (chosen->second);
   if (lacking != chosen->second.pending.end ())
     {
       turn->head = lacking->first;
@@ -215,15 +230,35 @@ Streamer::plan_turn (Turn *turn)
   return true;
 }
 
-void
+/* Whether the update holds photographs. */
+bool
 Streamer::play_turn (const Turn &turn)
 {
+  bool has_photos;
+
   for (const auto &[id, text] : turn.texts)
     link->send (Kind::TEXT, id, text.c_str ());
 
-  g_autoptr (GBytes) update = encoder.encode (turn.head, turn.serial, turn.frame, turn.marks);
+  g_autoptr (GBytes) update = encoder.encode (turn.head, turn.serial, turn.frame, turn.marks, &has_photos);
   for (guint32 id : turn.receivers)
     link->send (Kind::UPDATE, id, g_bytes_get_data (update, nullptr), g_bytes_get_size (update));
+  return has_photos;
+}
+
+/* Until there may be something to do. */
+void
+Streamer::wait (std::unique_lock<std::mutex> &lock)
+{
+  const auto now = Clock::now (), never = Clock::time_point::max ();
+  auto next = never;
+
+  for (const auto &[id, source] : sources)
+    if (source.due > now)
+      next = std::min (next, source.due);
+  if (next == never)
+    work.wait (lock);
+  else
+    work.wait_until (lock, next);
 }
 
 gpointer
@@ -238,12 +273,17 @@ Streamer::run (gpointer data)
 
       if (streamer->plan_turn (&turn))
         {
+          const auto start = Clock::now ();
+
           lock.unlock ();
-          streamer->play_turn (turn);
+          const bool has_photos = streamer->play_turn (turn);
           lock.lock ();
+          const auto source = streamer->sources.find (turn.head);
+          if (has_photos && source != streamer->sources.end ())
+            source->second.due = start + photo_interval;
         }
       else
-        streamer->work.wait (lock);
+        streamer->wait (lock);
       g_clear_object (&turn.frame);
     }
   return nullptr;

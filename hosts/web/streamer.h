@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -59,13 +60,17 @@ public:
   bool acknowledge (guint32 client, guint32 serial);
 
 private:
+  using Clock = std::chrono::steady_clock;
+
   static constexpr gsize most_unacknowledged = 2;
+  static constexpr auto photo_interval = std::chrono::milliseconds (33);
   static constexpr gsize n_topics = 5;
 
   struct Source
   {
     RyxRect rect;
-    RyxCapturedFrame *frame; /* the newest; NULL before the first */
+    RyxCapturedFrame *frame;    /* the newest; NULL before the first */
+    Clock::time_point due = {}; /* not before then: moving pictures need no more of them than an eye */
   };
 
   struct Client
@@ -90,7 +95,9 @@ private:
   void wake (std::unique_lock<std::mutex> &lock);
   std::map<guint32, Client>::iterator choose_client ();
   bool plan_turn (Turn *turn);
-  void play_turn (const Turn &turn);
+  bool play_turn (const Turn &turn);
+  void wait (std::unique_lock<std::mutex> &lock);
+  std::map<guint32, Marks>::const_iterator choose_head (const Client &client) const;
   bool is_ready (const Client &client) const;
   void mark_all (Client &client);
 
