@@ -63,8 +63,10 @@ test('shows the pixels of the screen', async t => {
   for (const head of [0, 1])
     await eventually(compare(page, observer, { x: 0, y: 0, width: 1280, height: 500 }, head), 0);
   await observer.ask('photo 1500 500 900 500');
-  await eventually(compare(page, observer, { x: 220, y: 500, width: 900, height: 500 }, 1), most => most < 48);
-  await eventually(compare(page, observer, { x: 0, y: 0, width: 1280, height: 490 }, 1), 0);
+  await eventually(compare(page, observer, { x: 220, y: 500, width: 900, height: 500 }, 1), most => most > 0 && most < 48);
+  await observer.ask('write 1300 520 30');
+  for (const exact of [{ x: 0, y: 0, width: 1280, height: 490 }, { x: 0, y: 500, width: 200, height: 400 }])
+    await eventually(compare(page, observer, exact, 1), 0);
 });
 
 test('plays text, clicks, drags and wheels', async t => {

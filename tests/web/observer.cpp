@@ -76,6 +76,14 @@ main (int, char **argv)
         XFillRectangle (display, root, gc, x, y, width, height);
         return "";
       } },
+    { "write",
+      [&] {
+        const char words[] = "mwMW@#%&gB8mwMW@#%&gB8mwMW@#%&gB8";
+        line >> x >> y >> number;
+        for (unsigned i = 0; i < number; i++)
+          XDrawString (display, root, gc, x, y + 12 * i, words, sizeof words - 1);
+        return "";
+      } },
     { "photo",
       [&] {
         line >> x >> y >> width >> height;
