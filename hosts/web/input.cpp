@@ -156,4 +156,5 @@ Input::release_left (JsonObject *held)
       JsonObject *release = json_array_get_object_element (releases, i);
       play (get_text (release, "type"), release);
     }
+  tell_held ();
 }
