@@ -185,7 +185,7 @@ test('keeps down what a client holds that can be heard', async t => {
   }
   assert.match(await observer.ask('keyboard'), / mods 4 /);
   await eventually(() => client.last('released'), Boolean);
-  await observer.idle(0);
+  await observer.idle(1000);
 });
 
 test('answers while the X server is grabbed', async t => {
