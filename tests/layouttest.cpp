@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <map>
-#include <optional>
 #include <thread>
 
 #include "capture.h"
@@ -15,9 +13,18 @@
 #include "logrecorder.h"
 #include "xserver.h"
 
-struct Session
+class LayoutTest : public testing::Test
 {
-  explicit Session (XServer::Kind kind) : server (kind) {}
+protected:
+  explicit LayoutTest (XServer::Kind kind = XServer::XORG_DUMMY) : server (kind) { load_module (); }
+
+  std::string
+  request (const char *geometries)
+  {
+    std::string error = request_layout (geometries);
+    EXPECT_TRUE (observer.look ()) << "The server is still grabbed?";
+    return error;
+  }
 
   XServer server;
   FaultProxy proxy{ server };
@@ -27,62 +34,16 @@ struct Session
   LogRecorder log;
 };
 
-class LayoutTest : public testing::Test
-{
-protected:
-  void
-  SetUp () override
-  {
-    start (XServer::XORG_DUMMY);
-  }
-
-  void
-  start (XServer::Kind kind)
-  {
-    if (!XServer::available (kind))
-      GTEST_SKIP () << "The X server is not installed";
-    load_module ();
-    session.emplace (kind);
-  }
-
-  std::string
-  request (const char *geometries)
-  {
-    std::string error = request_layout (geometries);
-    EXPECT_TRUE (session->observer.look ()) << "The server is still grabbed?";
-    return error;
-  }
-
-  /* "RRSetCrtcConfig 17 status, GetGeometry 0": the 17th such request from now on says that it failed, though the
-   * server has done it; each GetGeometry gets an X error. "RRGetOutputInfo 1 modes": it lists none; "unsent modes": it
-   * claims many. */
-  void
-  add_faults (const char *faults)
-  {
-    static const std::map<std::string, XField> patches = {
-      { "status", X_FIELD (xcb_randr_set_crtc_config_reply_t, status, XCB_RANDR_SET_CONFIG_FAILED) },
-      { "modes", X_FIELD (xcb_randr_get_output_info_reply_t, num_modes, 0) },
-      { "unsent modes", X_FIELD (xcb_randr_get_screen_resources_reply_t, num_modes, 65535) },
-      { "no modes", X_FIELD (xcb_randr_get_screen_resources_reply_t, num_modes, 0) },
-      { "no crtcs", X_FIELD (xcb_randr_get_screen_resources_reply_t, num_crtcs, 0) },
-      { "unplugged", X_FIELD (xcb_randr_get_output_info_reply_t, connection, XCB_RANDR_CONNECTION_DISCONNECTED) },
-      { "unsent outputs", X_FIELD (xcb_randr_get_crtc_info_reply_t, num_outputs, 65535) },
-    };
-    g_auto (GStrv) list = g_strsplit (faults, ", ", -1);
-
-    for (char **fault = list; *fault; fault++)
-      {
-        g_auto (GStrv) words = g_strsplit (*fault, " ", 3);
-        FaultRule rule = { .request = g_intern_string (words[0]), .nth = unsigned (atoi (words[1])) };
-        if (words[2])
-          rule.patch = { patches.at (words[2]) };
-        else
-          rule.error = XCB_VALUE;
-        session->proxy.add (rule);
-      }
-  }
-
-  std::optional<Session> session;
+/* "status": the request says that it failed, though the server has done it. */
+static const FaultKinds kinds = {
+  { "old", { .patch = { X_FIELD (xcb_randr_query_version_reply_t, minor_version, 1) } } },
+  { "status", { .patch = { X_FIELD (xcb_randr_set_crtc_config_reply_t, status, XCB_RANDR_SET_CONFIG_FAILED) } } },
+  { "no modes of its own", { .patch = { X_FIELD (xcb_randr_get_output_info_reply_t, num_modes, 0) } } },
+  { "unsent modes", { .patch = { X_FIELD (xcb_randr_get_screen_resources_reply_t, num_modes, 65535) } } },
+  { "no modes", { .patch = { X_FIELD (xcb_randr_get_screen_resources_reply_t, num_modes, 0) } } },
+  { "no crtcs", { .patch = { X_FIELD (xcb_randr_get_screen_resources_reply_t, num_crtcs, 0) } } },
+  { "unplugged", { .patch = { X_FIELD (xcb_randr_get_output_info_reply_t, connection, 1) } } },
+  { "unsent outputs", { .patch = { X_FIELD (xcb_randr_get_crtc_info_reply_t, num_outputs, 65535) } } },
 };
 
 static const char domain[] = "RYX:x11:display";
@@ -113,18 +74,17 @@ class LayoutRequestTest : public LayoutTest, public testing::WithParamInterface<
 
 TEST_P (LayoutRequestTest, LeavesWhatWasAskedForOrWhatWasThere)
 {
-  const auto &[before, geometries, heads, faults, error, log] = GetParam ();
-  auto &observer = session->observer;
+  const auto &[before, geometries, heads, faults, error, logged] = GetParam ();
 
   ASSERT_EQ (before ? request (before) : "", "");
   const auto layout_before = std::pair (observer.heads, observer.mode_ids);
-  session->log.clear ();
-  add_faults (faults);
+  log.clear ();
+  proxy.add (faults, kinds);
 
   const std::string message = request (geometries);
   SCOPED_TRACE (testing::Message () << before << " -> " << geometries << ", " << faults);
   EXPECT_TRUE (message.starts_with (error) && message.empty () == !*error) << message;
-  EXPECT_NE (session->log.dump ().find (log), std::string::npos) << "Nothing was logged like: " << log;
+  EXPECT_NE (log.dump ().find (logged), std::string::npos) << "Nothing was logged like: " << logged;
   if (heads)
     EXPECT_EQ (observer.heads, heads);
   else
@@ -150,15 +110,16 @@ static const RequestCase request_cases[] = {
   /* A new mode, or what there is in its place */
   { two, "1448x1056+0+0 800x600+1448+0", "2248x1056: DUMMY0 1400x1050+0+0, DUMMY1 800x600+1448+0", "RRCreateMode 1", "",
     "Failed to create mode 1448x1056_59.8" },
-  { two, made, nullptr, "RRCreateMode 1, RRGetOutputInfo 1 modes", "Cannot find a mode for CRTC 62 to set the layout" },
+  { two, made, nullptr, "RRCreateMode 1; RRGetOutputInfo 1 no modes of its own",
+    "Cannot find a mode for CRTC 62 to set the layout" },
   { two, made, fallback_heads, "RRAddOutputMode 1", "",
     "Failed to add output mode 1000x696_59.867443-78_ryx for CRTC" },
   { two, made, fallback_heads, "RRSetCrtcConfig 17", "", "(response_type: 0 error_code: 2)), trying fallback" },
   { two, made, fallback_heads, "RRSetCrtcConfig 17 status", "", "enable CRTC 62 (status 3)), trying fallback" },
-  { two, made, nullptr, "RRSetCrtcConfig 17, RRSetCrtcConfig 18", "Failed to enable CRTC 62 (", rolled_back },
-  { two, made, nullptr, "RRSetCrtcConfig 18, RRSetCrtcConfig 19", "Failed to enable CRTC 63 (", rolled_back },
+  { two, made, nullptr, "RRSetCrtcConfig 17; RRSetCrtcConfig 18", "Failed to enable CRTC 62 (", rolled_back },
+  { two, made, nullptr, "RRSetCrtcConfig 18; RRSetCrtcConfig 19", "Failed to enable CRTC 63 (", rolled_back },
   /* What is not there, or not any more */
-  { two, made, "2080x720:", "RRGetScreenResources 1 no modes, RRSetScreenSize 1", "Failed to set the screen size",
+  { two, made, "2080x720:", "RRGetScreenResources 1 no modes; RRSetScreenSize 1", "Failed to set the screen size",
     "Cannot find current mode id for CRTC 62 for rollback" },
   { one, two, nullptr, "RRGetOutputInfo 0 unplugged", "Unsupported configuration (2 " },
   { one, two, "2304x1024: DUMMY0 1024x768+0+0, DUMMY1 1280x1024+1024+0", "RRGetScreenResources 2 no crtcs",
@@ -170,7 +131,7 @@ static const RequestCase request_cases[] = {
   { two, made, made_heads, "GetGeometry 1", "", "for rollback: Cannot get screen geometry (" },
   { two, made, nullptr, "RRSetScreenSize 1", "Failed to set the screen size 1800x696 (", rolled_back },
   { two, made, nullptr, "RRGetScreenSizeRange 1", "Unable to get screen size range (", rolled_back },
-  { two, made, nullptr, "RRSetScreenSize 1, RRSetCrtcConfig 17", "Failed to set the s",
+  { two, made, nullptr, "RRSetScreenSize 1; RRSetCrtcConfig 17", "Failed to set the s",
     "disable CRTCs for rollback: " },
   /* The CRTCs as they are */
   { two, made, nullptr, "RRGetScreenResources 1", "Failed to get screen resources (" },
@@ -192,7 +153,7 @@ static const RequestCase request_cases[] = {
   /* One less */
   { two, one, nullptr, "RRGetCrtcInfo 33", no_crtc_info },
   { two, one, "1024x768: DUMMY1 1024x768+0+0", "RRSetCrtcConfig 1", "", "Cannot disable monitor with CRTC 63 (" },
-  { two, one, nullptr, "RRSetCrtcConfig 1, RRSetCrtcConfig 2", "Unsupported configuration (1 display ", rolled_back },
+  { two, one, nullptr, "RRSetCrtcConfig 1; RRSetCrtcConfig 2", "Unsupported configuration (1 display ", rolled_back },
   { two, one, nullptr, "RRSetCrtcConfig 2", "Failed to disable CRTC (", rolled_back },
   { two, one, nullptr, "RRGetScreenResources 2", "Failed to update screen resources (", rolled_back },
   { two, one, nullptr, "RRGetCrtcInfo 48", no_crtc_info, rolled_back },
@@ -204,22 +165,20 @@ static const RequestCase request_cases[] = {
   { two, made, only_second, "RRSetCrtcConfig 1 status", "Failed to disable CRTC (status 3)" },
   { two, "", "2080x720: DUMMY0 1280x720+0+0", "RRGetCrtcInfo 48", no_crtc_info, "Disabled monitor with CRTC 63" },
   /* ... what to restore is not known, ... */
-  { two, made, only_second, "RRGetCrtcInfo 17, RRSetScreenSize 1", "Failed to set the screen size", rolled_back },
-  { two, made, "2080x720:", "GetGeometry 1, RRSetScreenSize 1", "Failed to set the screen size" },
+  { two, made, only_second, "RRGetCrtcInfo 17; RRSetScreenSize 1", "Failed to set the screen size", rolled_back },
+  { two, made, "2080x720:", "GetGeometry 1; RRSetScreenSize 1", "Failed to set the screen size" },
   /* ... or the server refuses that, too. */
   { two, made, "2080x720:", "RRSetScreenSize 0", "Failed to set the screen size", "to previous screen size: Failed" },
-  { two, made, only_second, "RRSetScreenSize 1, RRSetCrtcConfig 33", "Failed to set ", "CRTC 62 for rollback (" },
+  { two, made, only_second, "RRSetScreenSize 1; RRSetCrtcConfig 33", "Failed to set ", "CRTC 62 for rollback (" },
 };
 
 INSTANTIATE_TEST_SUITE_P (All, LayoutRequestTest, testing::ValuesIn (request_cases));
 
 TEST_F (LayoutTest, AModeIsMadeOnceUsedAgainAndTakenAway)
 {
-  auto &observer = session->observer;
-
   EXPECT_EQ (request (made), "");
   EXPECT_EQ (observer.own_modes, "1000x696_59.867443-78_ryx@DUMMY0 55750000: 1048 1144 1288, 699 709 723, 6\n");
-  const XcbClient late (session->server.display ()); /* only a connection's set-up tells millimetres */
+  const XcbClient late (server.display ()); /* only a connection's set-up tells millimetres */
   EXPECT_EQ (late.screen->width_in_millimeters, 476);
   EXPECT_EQ (late.screen->height_in_millimeters, 184);
 
@@ -241,13 +200,13 @@ TEST_F (LayoutTest, AForeignModeWithAnOwnNameIsNeitherUsedNorDeleted)
   mode.width = 1000;
   mode.height = 696;
   mode.name_len = strlen ("bogus_ryx");
-  xcb_randr_create_mode (session->client.conn, session->client.root, mode, mode.name_len, "bogus_ryx");
-  ASSERT_TRUE (session->client.round_trip ());
+  xcb_randr_create_mode (client.conn, client.root, mode, mode.name_len, "bogus_ryx");
+  ASSERT_TRUE (client.round_trip ());
 
   EXPECT_EQ (request (made), "");
-  EXPECT_EQ (session->observer.heads, made_heads);
-  EXPECT_TRUE (session->log.contains (domain, G_LOG_LEVEL_INFO, "Cannot parse mode name bogus_ryx"));
-  EXPECT_TRUE (session->log.contains (domain, G_LOG_LEVEL_WARNING, "old modes: Cannot parse mode name bogus_ryx"));
+  EXPECT_EQ (observer.heads, made_heads);
+  EXPECT_TRUE (log.contains (domain, G_LOG_LEVEL_INFO, "Cannot parse mode name bogus_ryx"));
+  EXPECT_TRUE (log.contains (domain, G_LOG_LEVEL_WARNING, "old modes: Cannot parse mode name bogus_ryx"));
 }
 
 TEST_F (LayoutTest, AHundredLayoutsLeaveNothingBehindAndDisturbNobody)
@@ -256,7 +215,7 @@ TEST_F (LayoutTest, AHundredLayoutsLeaveNothingBehindAndDisturbNobody)
   std::atomic_bool done = false;
   std::atomic_int n_looks = 0;
   std::thread witness ([&] {
-    XcbClient client (session->server.display ());
+    XcbClient client (server.display ());
     for (LayoutObserver observer (client); !done; n_looks++)
       ASSERT_TRUE (observer.look ());
   });
@@ -268,51 +227,50 @@ TEST_F (LayoutTest, AHundredLayoutsLeaveNothingBehindAndDisturbNobody)
     }
   done = true;
   witness.join ();
-  EXPECT_FALSE (session->log.contains (nullptr, G_LOG_LEVEL_WARNING, ""));
-  EXPECT_EQ (session->observer.heads, "1360x768: DUMMY0 1360x768+0+0");
-  EXPECT_EQ (session->observer.own_modes,
-             "1360x768_59.798992-78_ryx@DUMMY0 84750000: 1432 1568 1776, 771 781 798, 6\n");
+  EXPECT_FALSE (log.contains (nullptr, G_LOG_LEVEL_WARNING, ""));
+  EXPECT_EQ (observer.heads, "1360x768: DUMMY0 1360x768+0+0");
+  EXPECT_EQ (observer.own_modes, "1360x768_59.798992-78_ryx@DUMMY0 84750000: 1432 1568 1776, 771 781 798, 6\n");
 }
 
 TEST_F (LayoutTest, WorksUnderOneGrabAndPutsANewMonitorToTheRight)
 {
-  const unsigned right_of_one = session->proxy.add (
-    { .request = "RRSetCrtcConfig", .where = { X_FIELD (xcb_randr_set_crtc_config_request_t, x, 1024) } });
+  const unsigned right_of_one
+    = proxy.add ({ .request = "RRSetCrtcConfig", .where = { X_FIELD (xcb_randr_set_crtc_config_request_t, x, 1024) } });
 
   EXPECT_EQ (request (one), "");
-  const auto trace = session->proxy.record ([&] { request (made); });
+  const auto trace = proxy.record ([&] { request (made); });
   EXPECT_EQ (std::ranges::count (trace, "GrabServer") + std::ranges::count (trace, "UngrabServer"), 2);
   EXPECT_EQ (trace[0] + " " + trace[1] + " " + trace.back (), "RRQueryVersion GrabServer UngrabServer");
-  EXPECT_EQ (session->proxy.hits (right_of_one), 1u);
+  EXPECT_EQ (proxy.hits (right_of_one), 1u);
 }
 
 TEST_F (LayoutTest, AnInterruptedProgramFinishesTheLayout)
 {
   std::atomic<CtlRun *> started = nullptr;
 
-  session->proxy.add ({ .request = "RRSetScreenSize", .when = [&] (const Bytes &) {
-                         while (!started)
-                           g_thread_yield ();
-                         started.load ()->interrupt ();
-                         return false;
-                       } });
-  CtlRun run (session->proxy.display (), { "layout", "1024x768+0+0" });
+  proxy.add ({ .request = "RRSetScreenSize", .when = [&] (const Bytes &) {
+                while (!started)
+                  g_thread_yield ();
+                started.load ()->interrupt ();
+                return false;
+              } });
+  CtlRun run (proxy.display (), { "layout", "1024x768+0+0" });
   started = &run;
   EXPECT_EQ (run.status (), -1);
-  EXPECT_TRUE (session->observer.look ());
-  EXPECT_EQ (session->observer.heads, "1024x768: DUMMY0 1024x768+0+0");
+  EXPECT_TRUE (observer.look ());
+  EXPECT_EQ (observer.heads, "1024x768: DUMMY0 1024x768+0+0");
 }
 
 TEST_F (LayoutTest, HeadsAndReadersFollow)
 {
-  TestReader readers[] = { TestReader (session->server.display (), 78), TestReader (session->server.display (), 79) };
-  Painter painter (session->server.display ());
+  TestReader readers[] = { TestReader (server.display (), 78), TestReader (server.display (), 79) };
+  Painter painter (server.display ());
 
   EXPECT_EQ (request (two), "");
   for (TestReader &reader : readers)
     EXPECT_TRUE (reader.setup () && reader.configure () && reader.grab ()) << reader.failure;
 
-  CtlRun layout (session->server.display (), { "layout", "1920x1080+0+0", "1920x1080+1920+0" });
+  CtlRun layout (server.display (), { "layout", "1920x1080+0+0", "1920x1080+1920+0" });
   EXPECT_EQ (layout.status (), 0) << layout.err;
   EXPECT_EQ (layout.out, "HEAD                 OUTPUT      X      Y  WIDTH HEIGHT\n"
                          "OUTPUT-78                78      0      0   1920   1080\n"
@@ -333,16 +291,14 @@ TEST_F (LayoutTest, HeadsAndReadersFollow)
 
 TEST_F (LayoutTest, NeedsRandR12)
 {
-  auto &proxy = session->proxy;
-
-  proxy.lower_version ("RRQueryVersion", 1, 1);
+  proxy.add ("RRQueryVersion 0 old", kinds);
   EXPECT_EQ (request (one), "RandR version is too old (1.1, 1.2 required)");
-  add_faults ("RRQueryVersion 1");
+  proxy.add ("RRQueryVersion 1");
   EXPECT_EQ (request (one), "Failed to get RandR version");
   const GdkDisplayScope fresh (proxy.display ()); /* a connection that has not asked for the extension yet */
   proxy.hide_extension ("RANDR");
   EXPECT_EQ (request (one), "RandR extension not available");
-  EXPECT_EQ (session->observer.heads, start_heads);
+  EXPECT_EQ (observer.heads, start_heads);
 }
 
 TEST_F (LayoutTest, ResizesTheScreenWhereThereAreNoCrtcs)
@@ -354,24 +310,20 @@ TEST_F (LayoutTest, ResizesTheScreenWhereThereAreNoCrtcs)
   };
 
   EXPECT_EQ (request (""), "");
-  session->proxy.add ({ .request = "RRGetScreenResources", .edit = take_crtcs });
+  proxy.add ({ .request = "RRGetScreenResources", .edit = take_crtcs });
   EXPECT_EQ (request ("1366x767+50+60"), "");
-  EXPECT_EQ (session->observer.heads, "1360x760:");
+  EXPECT_EQ (observer.heads, "1360x760:");
   EXPECT_EQ (request (two), "Unsupported configuration (2 display heads requested but no CRTCs available)");
-  add_faults ("RRSetScreenSize 1");
+  proxy.add ("RRSetScreenSize 1");
   EXPECT_EQ (request (one), "Failed to set the screen size 1024x768 (response_type: 0 error_code: 2)");
-  EXPECT_TRUE (session->log.contains (domain, G_LOG_LEVEL_INFO, "Rollback to previous screen size"));
-  EXPECT_EQ (session->observer.heads, "1360x760:");
+  EXPECT_TRUE (log.contains (domain, G_LOG_LEVEL_INFO, "Rollback to previous screen size"));
+  EXPECT_EQ (observer.heads, "1360x760:");
 }
 
 class XvfbLayoutTest : public LayoutTest
 {
 protected:
-  void
-  SetUp () override
-  {
-    start (XServer::XVFB);
-  }
+  XvfbLayoutTest () : LayoutTest (XServer::XVFB) {}
 };
 
 TEST_F (XvfbLayoutTest, DoesWhatAServerOfOneModeCan)
@@ -391,6 +343,6 @@ TEST_F (XvfbLayoutTest, DoesWhatAServerOfOneModeCan)
   for (const auto &[geometries, error, heads] : cases)
     {
       EXPECT_EQ (request (geometries), error);
-      EXPECT_EQ (session->observer.heads, heads) << geometries;
+      EXPECT_EQ (observer.heads, heads) << geometries;
     }
 }

@@ -15,7 +15,6 @@
 #include <glib.h>
 
 static const char socket_folder[] = "/tmp/.X11-unix/X";
-static const size_t max_fds = 64;
 
 enum MessageKind
 {
@@ -62,17 +61,6 @@ append (Bytes &stream, const Bytes &message)
   stream.insert (stream.end (), message.begin (), message.end ());
 }
 
-using Descriptors = std::deque<int>;
-
-static void
-move_descriptors (Descriptors &from, size_t n, Descriptors &to)
-{
-  const auto end = from.begin () + std::min (n, from.size ());
-
-  to.insert (to.end (), from.begin (), end);
-  from.erase (from.begin (), end);
-}
-
 /* One end of a relayed connection. */
 struct Channel
 {
@@ -80,8 +68,6 @@ struct Channel
   Channel (const Channel &) = delete;
   ~Channel ()
   {
-    std::ranges::for_each (fds_in, close);
-    std::ranges::for_each (fds_out, close);
     shutdown (fd, SHUT_RDWR); /* a child process may hold a copy of the descriptor */
     close (fd);
   }
@@ -92,8 +78,7 @@ struct Channel
 
   const int fd;
   Bytes in, out;
-  size_t taken = 0; /* of `in` */
-  Descriptors fds_in, fds_out;
+  size_t taken = 0;   /* of `in` */
   bool ended = false; /* nothing more comes in */
 };
 
@@ -101,10 +86,7 @@ bool
 Channel::receive ()
 {
   uint8_t data[65536];
-  alignas (cmsghdr) uint8_t control[CMSG_SPACE (max_fds * sizeof (int))];
-  iovec place = { data, sizeof data };
-  msghdr header = { nullptr, 0, &place, 1, control, sizeof control, 0 };
-  const ssize_t length = ended ? 0 : recvmsg (fd, &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+  const ssize_t length = ended ? 0 : recv (fd, data, sizeof data, MSG_DONTWAIT);
 
   if (length <= 0)
     {
@@ -112,10 +94,6 @@ Channel::receive ()
       return false;
     }
   in.insert (in.end (), data, data + length);
-  for (cmsghdr *item = CMSG_FIRSTHDR (&header); item; item = CMSG_NXTHDR (&header, item))
-    if (item->cmsg_level == SOL_SOCKET && item->cmsg_type == SCM_RIGHTS)
-      fds_in.insert (fds_in.end (), as<int> (CMSG_DATA (item)),
-                     as<int> (CMSG_DATA (item)) + (item->cmsg_len - CMSG_LEN (0)) / sizeof (int));
   return true;
 }
 
@@ -142,21 +120,11 @@ Channel::flush ()
 {
   while (!out.empty ())
     {
-      /* The receiver takes descriptors in order, and needs each no later than the message it belongs to. */
-      const size_t n_fds = std::min (fds_out.size (), max_fds);
-      alignas (cmsghdr) uint8_t control[CMSG_SPACE (max_fds * sizeof (int))] = {};
-      iovec place = { out.data (), out.size () };
-      msghdr header = { nullptr, 0, &place, 1, control, n_fds ? CMSG_SPACE (n_fds * sizeof (int)) : 0, 0 };
-      *as<cmsghdr> (control) = { CMSG_LEN (n_fds * sizeof (int)), SOL_SOCKET, SCM_RIGHTS };
-      std::copy_n (fds_out.begin (), n_fds, as<int> (CMSG_DATA (as<cmsghdr> (control))));
-
-      const ssize_t length = sendmsg (fd, &header, MSG_DONTWAIT | MSG_NOSIGNAL);
+      const ssize_t length = send (fd, out.data (), out.size (), MSG_DONTWAIT | MSG_NOSIGNAL);
       if (length < 0 && (errno == EAGAIN || errno == EINTR))
         return;
       /* Nobody listens any more? What they said before can still be read. */
       out.erase (out.begin (), length < 0 ? out.end () : out.begin () + length);
-      std::for_each_n (fds_out.begin (), n_fds, close);
-      fds_out.erase (fds_out.begin (), fds_out.begin () + n_fds);
     }
 }
 
@@ -225,7 +193,7 @@ FaultProxy::request_name (const Bytes &request) const
 }
 
 static sockaddr_un
-socket_address (const std::string &path, bool is_abstract = false)
+socket_address (const std::string &path, bool is_abstract)
 {
   sockaddr_un address = {};
 
@@ -236,10 +204,10 @@ socket_address (const std::string &path, bool is_abstract = false)
 
 /* -1: somebody has it. */
 static int
-listen_at (const std::string &path, bool is_abstract)
+listen_at (const std::string &path)
 {
-  const auto address = socket_address (path, is_abstract);
-  const socklen_t length = offsetof (sockaddr_un, sun_path) + is_abstract + path.size ();
+  const auto address = socket_address (path, true);
+  const socklen_t length = offsetof (sockaddr_un, sun_path) + 1 + path.size ();
   const int fd = socket (AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 
   if (bind (fd, reinterpret_cast<const sockaddr *> (&address), length) == 0 && listen (fd, SOMAXCONN) == 0)
@@ -251,20 +219,16 @@ listen_at (const std::string &path, bool is_abstract)
 FaultProxy::FaultProxy (const char *server_display)
     : server_path (socket_folder + std::string (server_display + 1)), wake_up (eventfd (0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
-  /* A server that looks for a free display goes by the abstract socket, one that is told its display by the lock file
-   * too. Whoever has both free may replace a socket in the file system: its owner has died. */
+  /* Clients try the abstract socket first. A server that looks for a free display goes by it, too; one that is told its
+   * display goes by the lock file. */
   for (unsigned number = 64; name.empty (); number++)
     {
       const std::string digits = std::to_string (number);
-      socket_path = socket_folder + digits;
       if (number == 10000)
         g_error ("No display is free: %s", g_strerror (errno));
-      if (access (("/tmp/.X" + digits + "-lock").c_str (), F_OK) == 0
-          || (listeners[0] = listen_at (socket_path, true)) < 0)
-        continue;
-      unlink (socket_path.c_str ());
-      listeners[1] = listen_at (socket_path, false);
-      name = ":" + digits;
+      if (access (("/tmp/.X" + digits + "-lock").c_str (), F_OK) != 0
+          && (listener = listen_at (socket_folder + digits)) >= 0)
+        name = ":" + digits;
     }
   thread = std::thread (&FaultProxy::run, this);
 }
@@ -276,8 +240,7 @@ FaultProxy::~FaultProxy ()
     stopping = true;
   }
   thread.join ();
-  unlink (socket_path.c_str ());
-  std::ranges::for_each (listeners, close);
+  close (listener);
   close (wake_up);
 }
 
@@ -299,7 +262,7 @@ FaultProxy::run ()
 
   while (!stopping)
     {
-      std::vector<pollfd> fds = { { wake_up, POLLIN, 0 }, { listeners[0], POLLIN, 0 }, { listeners[1], POLLIN, 0 } };
+      std::vector<pollfd> fds = { { wake_up, POLLIN, 0 }, { listener, POLLIN, 0 } };
       for (const auto &client : connections)
         for (const auto channel : { &client.app, &client.server })
           {
@@ -326,8 +289,7 @@ FaultProxy::pump ()
 
   do
     {
-      progress = accept_client (listeners[0]);
-      progress |= accept_client (listeners[1]);
+      progress = accept_client ();
       for (auto &client : connections)
         progress |= relay (client);
       connections.remove_if ([] (const Client &client) { return client.server.ended && client.app.out.empty (); });
@@ -336,13 +298,13 @@ FaultProxy::pump ()
 }
 
 bool
-FaultProxy::accept_client (int listener)
+FaultProxy::accept_client ()
 {
   const int app = accept4 (listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
 
   if (app < 0)
     return false;
-  const auto address = socket_address (server_path);
+  const auto address = socket_address (server_path, false);
   const int server = socket (AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   auto &client = connections.emplace_back (n_clients++, app, server);
   client.server.ended = connect (server, reinterpret_cast<const sockaddr *> (&address), sizeof address) != 0;
@@ -358,7 +320,6 @@ FaultProxy::relay (Client &client)
   progress |= client.server.receive ();
   while (!client.deaf && client.app.next (client.sent_setup ? REQUEST : CLIENT_SETUP, message))
     take_request (client, message);
-  move_descriptors (client.server.fds_in, SIZE_MAX, client.app.fds_out);
   while (!client.server.ended && client.server.next (client.connected ? SERVER_MESSAGE : SERVER_SETUP, message))
     take_message (client, message);
   client.server.flush ();
@@ -448,16 +409,9 @@ FaultProxy::take_request (Client &client, const Bytes &bytes)
           request.reply_rules.push_back (rule);
       }
 
-  /* Of the requests that are known here, one brings a descriptor along. */
-  const bool is_known = request.name.find (':') == std::string::npos;
-  Descriptors fds;
-  move_descriptors (client.app.fds_in, is_known ? request.name == "ShmAttachFd" : SIZE_MAX, fds);
   client.deaf = request.replaced && (is_setup || request.substitute.empty ());
   if (!request.replaced)
-    {
-      append (client.server.out, bytes);
-      move_descriptors (fds, SIZE_MAX, client.server.fds_out);
-    }
+    append (client.server.out, bytes);
   else if (is_setup)
     {
       append (client.app.out, request.substitute);
@@ -465,7 +419,6 @@ FaultProxy::take_request (Client &client, const Bytes &bytes)
     }
   else /* it changes nothing, and its reply shows the substitute's place in the stream: after all that came before */
     append (client.server.out, { XCB_GET_INPUT_FOCUS, 0, 1, 0 });
-  std::ranges::for_each (fds, close);
 }
 
 void
@@ -525,6 +478,22 @@ FaultProxy::add (FaultRule rule)
   return n_rules;
 }
 
+void
+FaultProxy::add (const char *faults, const FaultKinds &kinds)
+{
+  g_auto (GStrv) list = g_strsplit (faults, "; ", -1);
+
+  for (char **fault = list; *fault; fault++)
+    {
+      g_auto (GStrv) words = g_strsplit (*fault, " ", 3);
+      const bool has_number = words[1], has_kind = has_number && words[2];
+      FaultRule rule = has_kind ? kinds.at (words[2]) : FaultRule{ .error = XCB_VALUE };
+      rule.request = g_intern_string (words[0]);
+      rule.nth = has_number ? atoi (words[1]) : 0;
+      add (std::move (rule));
+    }
+}
+
 unsigned
 FaultProxy::hits (unsigned rule)
 {
@@ -555,14 +524,6 @@ FaultProxy::hide_extension (const std::string &extension)
     rule.where.push_back ({ 8 + i, 1, uint32_t (extension[i]) });
   rule.patch = { { 8, 4, 0 } };
   return add (std::move (rule));
-}
-
-unsigned
-FaultProxy::lower_version (const char *version_request, unsigned major, unsigned minor)
-{
-  const size_t size = strcmp (version_request, "ShmQueryVersion") == 0 ? 2 : 4;
-
-  return add ({ .request = version_request, .patch = { { 8, size, major }, { 8 + size, size, minor } } });
 }
 
 unsigned

@@ -59,8 +59,12 @@ struct FaultRule
   unsigned matches = 0, hits = 0; /* the proxy's own */
 };
 
+/* What is the same with several requests: a rule without these, by a name. */
+using FaultKinds = std::map<std::string, FaultRule>;
+
 /* A man in the middle between X clients and a real server, on a display of its own and in a thread of its own. All
- * calls may come from any thread. What a client has flushed before a call is made has been taken by then. */
+ * calls may come from any thread. What a client has flushed before a call is made has been taken by then. File
+ * descriptors that go with messages are not relayed. */
 class FaultProxy
 {
 public:
@@ -77,13 +81,16 @@ public:
 
   /* The rule holds from now on. The result is for `hits`, the number of requests it was applied to, and `remove`. */
   unsigned add (FaultRule rule);
+
+  /* Rules in words. "RRSetCrtcConfig 17; GetGeometry; RRGetOutputInfo 1 cut short": the 17th such request fails (with
+   * a Value error), each GetGeometry does, and the first RRGetOutputInfo meets with the kind of that name. */
+  void add (const char *faults, const FaultKinds &kinds = {});
+
   unsigned hits (unsigned rule);
   void remove (unsigned rule);
   void clear ();
 
   unsigned hide_extension (const std::string &extension);
-  /* For version replies that begin with the two numbers, as those of RandR, XFixes, Damage and MIT-SHM do. */
-  unsigned lower_version (const char *version_request, unsigned major, unsigned minor);
 
   /* What shall happen to the n-th request from now on, of any client and counted from 0, in place of what an earlier
    * call asked for. */
@@ -123,17 +130,16 @@ private:
   void run ();
   std::unique_lock<std::mutex> enter ();
   void pump ();
-  bool accept_client (int listener);
+  bool accept_client ();
   bool relay (Client &client);
   void take_request (Client &client, const Bytes &request);
   void take_message (Client &client, Bytes &message);
   void change_reply (Request &request, Bytes &message);
   std::string request_name (const Bytes &request) const;
 
-  std::string name, socket_path;
+  std::string name;
   const std::string server_path;
-  std::array<int, 2> listeners; /* the abstract socket and the one in the file system */
-  int wake_up;
+  int listener, wake_up;
   bool stopping = false;
   unsigned n_clients = 0, n_rules = 0, numbered_rule = 0;
   std::list<Client> connections;
