@@ -30,11 +30,6 @@ public:
   bool wait_for_lines (unsigned n);
 
 private:
-  static gpointer read_errors (gpointer run);
-  static gpointer read_all (gpointer run);
-
+  const int output, errors; /* files that the program writes into */
   GSubprocess *process;
-  GThread *reader;
-  GMutex lock;
-  bool joined = false;
 };
