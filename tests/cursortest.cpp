@@ -174,11 +174,6 @@ struct CursorSubject : SweepSubject, Listener
   {
     EXPECT_TRUE (wait_until ([this, n = reports.size () + 2] { return reports.size () >= n; }));
   }
-  void
-  expect_works () override
-  {
-    use ();
-  }
 };
 
 static const SweepScenario cursor_scenario

@@ -42,7 +42,6 @@ TEST (LayoutFuzz, LeavesTheOldLayoutOrTheNumberOfHeadsAskedFor)
   XcbClient client (server.display ());
   LayoutObserver observer (client);
   GdkDisplayScope gdk (server.display ());
-  load_module ();
 
   for (Fuzz fuzz (30); fuzz.next () && !HasFailure ();)
     {
@@ -104,18 +103,18 @@ TEST (KeyFuzz, AnyKeyboardIsTypedOn)
   XServer server (XServer::XVFB);
   FaultProxy proxy (server);
   GdkDisplayScope gdk (proxy.display ());
-  const XField wants_actions = { 6, 2, 0x57 }; /* GDK and Xlib ask for less */
+  /* GDK and Xlib ask for less. */
+  const auto wants_actions = [] (const Bytes &request) { return *as<uint16_t> (&request[6]) == 0x57; };
 
   for (Fuzz fuzz (40); fuzz.next () && !HasFailure ();)
     {
       LogRecorder log (G_LOG_LEVEL_ERROR);
       proxy.clear ();
-      proxy.add ({ .request = "XkbGetMap", .nth = 1, .where = { wants_actions }, .edit = [=] (Bytes &reply) mutable {
+      proxy.add ({ .request = "XkbGetMap", .nth = 1, .when = wants_actions, .edit = [=] (Bytes &reply) mutable {
                     fuzz.change_key_map (reply);
                   } });
       proxy.add ({ .request = "XkbGetMap",
-                   .where = { wants_actions },
-                   .when = [n = 0] (auto &) mutable { return n++ > 0; },
+                   .when = [=, n = 0] (const Bytes &request) mutable { return wants_actions (request) && n++ > 0; },
                    .error = XCB_ALLOC });
       proxy.add ({ .request = "XkbGetState", .edit = [=] (Bytes &reply) mutable { fuzz.change_values (reply); } });
       const TestInjector injector = create_injector ();

@@ -3,8 +3,7 @@
 set -euo pipefail
 source=$1 build=$2
 scratch=$(mktemp -d)
-server=
-trap '[ -z "$server" ] || kill "$server" || true; rm -rf "$scratch"' EXIT
+trap 'rm -rf "$scratch"' EXIT
 
 fail ()
 {
@@ -25,15 +24,12 @@ mkdir "$scratch/modules"
 compile writing-a-host.md "$scratch/host"
 compile writing-a-module.md "$scratch/modules/libexample.so" -shared -fPIC
 
-mkfifo "$scratch/display"
-Xvfb -displayfd 3 -screen 0 640x400x24 -nolisten tcp 3>"$scratch/display" >"$scratch/log" 2>&1 &
-server=$!
-read -r -t 20 display <"$scratch/display" || fail "$(cat "$scratch/log")"
-export DISPLAY=:$display
-
+export build scratch
+export -f fail
+"$source/tests/support/on-xvfb" bash -euo pipefail <<'SESSION'
 coproc "$scratch/host"
 host=$COPROC_PID input=${COPROC[1]} line=
-until [[ $line == "head "*": 640x400, 1 rectangles changed" ]]; do
+until [[ $line == "head "*": 320x200, 1 rectangles changed" ]]; do
   read -r -t 20 line <&"${COPROC[0]}" || fail "The guide's host shows no frame"
 done
 exec {input}>&-
@@ -41,3 +37,4 @@ wait "$host" || fail "The guide's host fails"
 
 "$build/hosts/ctl/ryxctl" --module-dir "$scratch/modules" capture --png "$scratch/bar.png" >"$scratch/log"
 grep -q '^1 frame of 320x200 in' "$scratch/log" || fail "The guide's module shows no frame: $(cat "$scratch/log")"
+SESSION

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h> /* before Xlib, which defines None */
 
 #include <algorithm>
-#include <span>
 
 #include <X11/extensions/XTest.h>
 
@@ -89,15 +88,13 @@ protected:
 static const char ascii[]
   = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789!\"#$%&'()*+,-./:;<=>?@[\\]^_`{|}~";
 
-struct LayoutCase
+static const struct
 {
   const char *keymap;
   int group;
   const char *text;     /* besides ASCII */
   const char *left_out; /* levels that only Shift leads to, at keys that are typed with Caps Lock */
-};
-
-static const LayoutCase layout_cases[] = {
+} layout_cases[] = {
   { "us", 0, "é", "" },         { "us -variant dvorak", 0, "", "" }, { "de", 0, "äöüÄÖÜ", "?@\\" },
   { "fr", 0, "éèçàù", "<>" },   { "gb", 0, "£€¬", "<>@" },           { "ch -variant fr", 0, "éàèüöä", "<>" },
   { "jp", 0, "", "" },          { "us,ru", 0, "Привет", "" },        { "us,ru", 1, "Привет", "" },
@@ -120,15 +117,13 @@ TEST_F (InputTest, TypesWhatWasSentOnEveryLayout)
       }
 }
 
-struct PlayCase
+static const struct
 {
   const char *keymap;
   int group;
   unsigned locks;
   const char *script, *arrives;
-};
-
-static const PlayCase play_cases[] = {
+} play_cases[] = {
   { "us", 0, 0, "+Control.L cC +Shift.R c -Shift.R -Control.L", "^c^c^C" },
   { "us,ru", 1, 0, "+Control.R v -Control.R м", "^vм" },
   { "us,ru", 0, 0, "_д _д д", "д" },
@@ -174,31 +169,6 @@ TEST_F (InputTest, PlaysWhatClientsDo)
   XGrabServer (observer.display);
   EXPECT_EQ (play ("aA∑"), "aA∑");
   XUngrabServer (observer.display);
-}
-
-TEST_F (InputTest, PressesTheKeyOfEachName)
-{
-  g_auto (GStrv) names
-    = g_strsplit ("Enter Tab Backspace Escape Delete Insert Home End PageUp PageDown ArrowUp ArrowDown ArrowRight "
-                  "PrintScreen ScrollLock Pause ContextMenu F1 F11 Meta Alt Control Shift AudioVolumeUp "
-                  "AudioVolumeMute BrowserBack MediaPlayPause LaunchMail Undo Help Hyper AltGraph",
-                  " ", -1);
-
-  for (const char *name : std::span (names, g_strv_length (names)))
-    for (int place = 0; place < 4; place++)
-      {
-        const auto location = RyxInputInjectorKeyLocation (place);
-        const KeySym keysym = ryx_special_key_string_to_keyval (name, location);
-        const std::string keycode = std::to_string (XKeysymToKeycode (observer.display, keysym));
-
-        observer.forget ();
-        for (bool down : { true, false })
-          ryx_input_injector_special_key_event (injector.get (), name, location, down);
-        settle ();
-        EXPECT_NE (keysym, 0u) << name;
-        EXPECT_EQ (observer.strokes (), keycode == "0" ? "" : "+" + keycode + "-" + keycode) << name << place;
-      }
-  EXPECT_EQ (observer.keyboard (), at_rest);
 }
 
 TEST_F (InputTest, AddsEachMissingCharacterToTheKeymapOnce)
@@ -289,15 +259,13 @@ TEST_F (InputTest, ReleasesAKeyBeforeTheServerRepeatsIt)
   EXPECT_EQ (observer.keyboard (), at_rest);
 }
 
-struct FaultCase
+static const struct
 {
   const char *request;
   unsigned nth;              /* fails; 0: each */
   std::vector<XField> patch; /* instead of a failure */
   const char *script, *arrives, *message;
-};
-
-static const FaultCase fault_cases[] = {
+} fault_cases[] = {
   { "XkbGetMap", 1, {}, "a", "", "Unable to get XKB map" },
   { "XkbGetMap", 1, {}, "a", "", "No keyboard description, dropping key event" },
   { "XkbGetMap", 3, {}, "ab", "ab", "Unable to update XKB map" },
@@ -364,7 +332,7 @@ TEST_F (InputTest, SaysWhatIsWrongAndLosesNothingElse)
   }
   EXPECT_FALSE (log.contains (nullptr, G_LOG_LEVEL_INFO, "repeat delay is too small")) << log.dump ();
   proxy.clear ();
-  proxy.hide_extension ("XKEYBOARD");
+  proxy.add (hiding ("XKEYBOARD"));
   {
     GdkDisplayScope without_xkb (proxy.display ());
     create_injector ();

@@ -16,7 +16,7 @@
 class LayoutTest : public testing::Test
 {
 protected:
-  explicit LayoutTest (XServer::Kind kind = XServer::XORG_DUMMY) : server (kind) { load_module (); }
+  explicit LayoutTest (XServer::Kind kind = XServer::XORG_DUMMY) : server (kind) {}
 
   std::string
   request (const char *geometries)
@@ -137,11 +137,9 @@ static const RequestCase request_cases[] = {
   { two, made, nullptr, "RRGetScreenResources 1", "Failed to get screen resources (" },
   { two, made, nullptr, "RRGetCrtcInfo 1", no_crtc_info },
   { two, made, made_heads, "RRGetCrtcInfo 17", "", "for rollback (response_type: 0 error_code: 2)" },
-  { two, made, nullptr, "RRGetCrtcInfo 33", no_crtc_info },
   { two, made, "1000x696: DUMMY1 1000x696+0+0", "RRGetOutputInfo 1", "", "skipping" },
   { two, made, nullptr, "RRSetCrtcConfig 1", "Failed to disable CRTC (response_type: 0 error_code: 2)" },
   /* One more monitor: each output of this server goes with one CRTC only */
-  { one, two, nullptr, "RRGetCrtcInfo 33", no_crtc_info },
   { one, two, nullptr, "RRGetOutputInfo 1", "Unsupported configuration (2 display heads", "skipping" },
   { one, two, nullptr, "RRSetScreenSize 1", "Unsupported configuration (2 ",
     "screen size to 2304x1024 for new monitor (" },
@@ -149,14 +147,10 @@ static const RequestCase request_cases[] = {
   { one, two, nullptr, "RRSetCrtcConfig 0", "Unsupported configuration (2 ", "Cannot enable CRTC 62 for rollback (" },
   { one, two, nullptr, "RRGetScreenResources 2", "Failed to update screen resources (", rolled_back },
   { one, two, nullptr, "RRGetCrtcInfo 49", no_crtc_info, rolled_back },
-  { one, two, nullptr, "RRGetCrtcInfo 65", no_crtc_info, rolled_back },
   /* One less */
-  { two, one, nullptr, "RRGetCrtcInfo 33", no_crtc_info },
   { two, one, "1024x768: DUMMY1 1024x768+0+0", "RRSetCrtcConfig 1", "", "Cannot disable monitor with CRTC 63 (" },
   { two, one, nullptr, "RRSetCrtcConfig 1; RRSetCrtcConfig 2", "Unsupported configuration (1 display ", rolled_back },
   { two, one, nullptr, "RRSetCrtcConfig 2", "Failed to disable CRTC (", rolled_back },
-  { two, one, nullptr, "RRGetScreenResources 2", "Failed to update screen resources (", rolled_back },
-  { two, one, nullptr, "RRGetCrtcInfo 48", no_crtc_info, rolled_back },
   /* Modes of an earlier layout */
   { made, two, two_heads, "RRDeleteOutputMode 1", "", "Cannot delete old modes: Failed to remove mode 1000x696_59.8" },
   { made, two, two_heads, "RRDestroyMode 1", "", "Cannot delete old modes: Failed to delete mode 1000x696_59.8" },
@@ -235,7 +229,9 @@ TEST_F (LayoutTest, AHundredLayoutsLeaveNothingBehindAndDisturbNobody)
 TEST_F (LayoutTest, WorksUnderOneGrabAndPutsANewMonitorToTheRight)
 {
   const unsigned right_of_one
-    = proxy.add ({ .request = "RRSetCrtcConfig", .where = { X_FIELD (xcb_randr_set_crtc_config_request_t, x, 1024) } });
+    = proxy.add ({ .request = "RRSetCrtcConfig", .when = [] (const Bytes &request) {
+                    return as<xcb_randr_set_crtc_config_request_t> (request.data ())->x == 1024;
+                  } });
 
   EXPECT_EQ (request (one), "");
   const auto trace = proxy.record ([&] { request (made); });
@@ -261,34 +257,6 @@ TEST_F (LayoutTest, AnInterruptedProgramFinishesTheLayout)
   EXPECT_EQ (observer.heads, "1024x768: DUMMY0 1024x768+0+0");
 }
 
-TEST_F (LayoutTest, HeadsAndReadersFollow)
-{
-  TestReader readers[] = { TestReader (server.display (), 78), TestReader (server.display (), 79) };
-  Painter painter (server.display ());
-
-  EXPECT_EQ (request (two), "");
-  for (TestReader &reader : readers)
-    EXPECT_TRUE (reader.setup () && reader.configure () && reader.grab ()) << reader.failure;
-
-  CtlRun layout (server.display (), { "layout", "1920x1080+0+0", "1920x1080+1920+0" });
-  EXPECT_EQ (layout.status (), 0) << layout.err;
-  EXPECT_EQ (layout.out, "HEAD                 OUTPUT      X      Y  WIDTH HEIGHT\n"
-                         "OUTPUT-78                78      0      0   1920   1080\n"
-                         "OUTPUT-79                79   1920      0   1920   1080\n");
-
-  painter.fill_with_noise ();
-  for (int i = 0; i < 2; i++)
-    {
-      EXPECT_FALSE (readers[i].grab_change ());
-      EXPECT_TRUE (readers[i].failure.starts_with ("NEEDS_RECONFIGURE")) << readers[i].failure;
-      ASSERT_TRUE (readers[i].configure ()) << readers[i].failure;
-      const Frame frame = readers[i].grab ();
-      ASSERT_TRUE (frame) << readers[i].failure;
-      EXPECT_EQ (ryx_diffmap_get_count (ryx_captured_frame_get_diffmap (frame.get ())), 1920 / 16 * 68u);
-      EXPECT_TRUE (pixels_of (frame.get ()) == painter.image (1920 * i, 0, 1920, 1080));
-    }
-}
-
 TEST_F (LayoutTest, NeedsRandR12)
 {
   proxy.add ("RRQueryVersion 0 old", kinds);
@@ -296,7 +264,7 @@ TEST_F (LayoutTest, NeedsRandR12)
   proxy.add ("RRQueryVersion 1");
   EXPECT_EQ (request (one), "Failed to get RandR version");
   const GdkDisplayScope fresh (proxy.display ()); /* a connection that has not asked for the extension yet */
-  proxy.hide_extension ("RANDR");
+  proxy.add (hiding ("RANDR"));
   EXPECT_EQ (request (one), "RandR extension not available");
   EXPECT_EQ (observer.heads, start_heads);
 }
@@ -328,6 +296,8 @@ protected:
 
 TEST_F (XvfbLayoutTest, DoesWhatAServerOfOneModeCan)
 {
+  if (!XServer::stand_in ().empty ())
+    GTEST_SKIP () << "other servers have more than one mode";
   static const struct
   {
     const char *request, *error, *heads;

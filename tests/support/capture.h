@@ -26,6 +26,35 @@ private:
   const std::string key;
 };
 
+/* A way by which a reader takes the screen: what the settings want of it, and what its server does not have. */
+struct Means
+{
+  const char *name;
+  bool dirty_region, shm_pixmaps;
+  const char *missing_extension = "RECORD"; /* which nobody here needs */
+};
+
+inline constexpr Means all_means[] = {
+  { "damage_into_shared_pixmap", true, true },           { "damage_by_shm_image", true, false },
+  { "damage_by_image", true, true, "MIT-SHM" },          { "comparison_of_shared_pixmap", false, true },
+  { "comparison_of_shm_image", false, false },           { "comparison_of_image", false, true, "MIT-SHM" },
+  { "comparison_without_damage", true, true, "DAMAGE" }, { "whole_screen_without_randr", true, true, "RANDR" },
+};
+
+/* While it lives, readers that are set up take the screen so. */
+class MeansScope
+{
+public:
+  MeansScope (bool dirty_region, bool shm_pixmaps)
+      : dirty ("com.quorlane.ryx.display", "use-grabber-dirty-region", g_variant_new_boolean (dirty_region)),
+        pixmaps ("com.quorlane.ryx.display.linux", "use-shm-pixmaps", g_variant_new_boolean (shm_pixmaps))
+  {
+  }
+
+private:
+  const SettingsScope dirty, pixmaps;
+};
+
 struct ObjectDeleter
 {
   void
@@ -51,13 +80,6 @@ public:
   Frame grab_change ();
 
   std::string failure;
-
-  /* Borrowed. */
-  RyxFrameBufferReader *
-  reader () const
-  {
-    return object.get ();
-  }
 
 private:
   bool note (gboolean succeeded, GError *error);

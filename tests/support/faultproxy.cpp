@@ -143,11 +143,8 @@ struct FaultProxy::Request
 
 struct FaultProxy::Client
 {
-  Client (unsigned client_number, int app_fd, int server_fd) : number (client_number), app (app_fd), server (server_fd)
-  {
-  }
+  Client (int app_fd, int server_fd) : app (app_fd), server (server_fd) {}
 
-  const unsigned number;
   Channel app, server;
   bool sent_setup = false, connected = false;
   bool deaf = false;                   /* the connection ends with the last request taken */
@@ -306,7 +303,7 @@ FaultProxy::accept_client ()
     return false;
   const auto address = socket_address (server_path, false);
   const int server = socket (AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  auto &client = connections.emplace_back (n_clients++, app, server);
+  auto &client = connections.emplace_back (app, server);
   client.server.ended = connect (server, reinterpret_cast<const sockaddr *> (&address), sizeof address) != 0;
   return true;
 }
@@ -373,12 +370,7 @@ substitute_for (const Bytes &request, const FaultRule &rule, uint64_t sequence)
 static bool
 applies (FaultRule &rule, const std::string &name, const Bytes &request)
 {
-  const auto has_value = [&] (const XField &field) {
-    return field.offset + field.size <= request.size ()
-           && memcmp (request.data () + field.offset, &field.value, field.size) == 0;
-  };
-  if ((rule.request && name != rule.request) || !std::ranges::all_of (rule.where, has_value)
-      || (rule.when && !rule.when (request)))
+  if ((rule.request && name != rule.request) || (rule.when && !rule.when (request)))
     return false;
   rule.matches++;
   return rule.nth == 0 || rule.nth == rule.matches;
@@ -465,6 +457,15 @@ FaultProxy::change_reply (Request &request, Bytes &message)
     }
 }
 
+FaultRule
+hiding (const std::string &extension)
+{
+  const auto asks_for_it = [=] (const Bytes &request) {
+    return extension == std::string (request.begin () + 8, request.begin () + 8 + *as<uint16_t> (&request[4]));
+  };
+  return { .request = "QueryExtension", .when = asks_for_it, .patch = { { 8, 4, 0 } } };
+}
+
 unsigned
 FaultProxy::add (FaultRule rule)
 {
@@ -515,38 +516,15 @@ FaultProxy::clear ()
   rules.clear ();
 }
 
-unsigned
-FaultProxy::hide_extension (const std::string &extension)
-{
-  FaultRule rule = { .request = "QueryExtension", .where = { { 4, 2, uint32_t (extension.size ()) } } };
-
-  for (size_t i = 0; i < extension.size (); i++)
-    rule.where.push_back ({ 8 + i, 1, uint32_t (extension[i]) });
-  rule.patch = { { 8, 4, 0 } };
-  return add (std::move (rule));
-}
-
-unsigned
-FaultProxy::arm_numbered (FaultRule rule)
-{
-  remove (numbered_rule);
-  return numbered_rule = add (std::move (rule));
-}
-
-void
-FaultProxy::mark ()
-{
-  const auto lock = enter ();
-  marked = requests.size ();
-}
-
 FaultProxy::Trace
-FaultProxy::trace ()
+FaultProxy::record (const std::function<void ()> &run)
 {
+  const size_t first = (enter (), requests.size ());
+  run ();
   const auto lock = enter ();
   Trace trace;
 
-  for (size_t i = marked; i < requests.size (); i++)
+  for (size_t i = first; i < requests.size (); i++)
     {
       trace.push_back (requests[i].name);
       trace.round_trips += requests[i].replied;
@@ -554,34 +532,15 @@ FaultProxy::trace ()
   return trace;
 }
 
-FaultProxy::Trace
-FaultProxy::record (const std::function<void ()> &run)
-{
-  mark ();
-  run ();
-  return trace ();
-}
-
-unsigned
-FaultProxy::clients ()
+void
+FaultProxy::insert (const void *event)
 {
   const auto lock = enter ();
-  return n_clients;
-}
+  auto &client = connections.back ();
+  Bytes message (as<uint8_t> (static_cast<const uint8_t *> (event)),
+                 as<uint8_t> (static_cast<const uint8_t *> (event)) + 32);
 
-bool
-FaultProxy::insert (unsigned client, const void *event, size_t size)
-{
-  const auto lock = enter ();
-  const auto found = std::ranges::find (connections, client, &Client::number);
-  if (found == connections.end () || !found->connected)
-    return false;
-
-  Bytes message (std::max<size_t> (size, 32));
-  memcpy (message.data (), event, size);
-  if ((message[0] & 0x7f) != XCB_KEYMAP_NOTIFY)
-    as<xcb_generic_event_t> (message.data ())->sequence = found->seen;
-  append (found->app.out, message);
-  found->app.flush ();
-  return true;
+  as<xcb_generic_event_t> (message.data ())->sequence = client.seen;
+  append (client.app.out, message);
+  client.app.flush ();
 }

@@ -27,7 +27,7 @@ as (const uint8_t *data)
   return const_cast<T *> (reinterpret_cast<const T *> (data));
 }
 
-/* A value at a place in a request, a reply or the set-up; X_FIELD takes the place from xcb's own structure. */
+/* A value at a place in a reply or the set-up; X_FIELD takes the place from xcb's own structure. */
 struct XField
 {
   size_t offset, size;
@@ -44,7 +44,6 @@ struct FaultRule
 {
   const char *request = nullptr; /* NULL: any */
   unsigned nth = 0;              /* of the requests that match otherwise, from 1; 0: each of them */
-  std::vector<XField> where = {};
   std::function<bool (const Bytes &request)> when = {}; /* a BIG-REQUESTS length has been taken out */
 
   /* One of these keeps the request from the server. The first rule that has one decides. */
@@ -58,6 +57,9 @@ struct FaultRule
 
   unsigned matches = 0, hits = 0; /* the proxy's own */
 };
+
+/* Makes the server seem to be without an extension. */
+FaultRule hiding (const std::string &extension);
 
 /* What is the same with several requests: a rule without these, by a name. */
 using FaultKinds = std::map<std::string, FaultRule>;
@@ -90,43 +92,22 @@ public:
   void remove (unsigned rule);
   void clear ();
 
-  unsigned hide_extension (const std::string &extension);
-
-  /* What shall happen to the n-th request from now on, of any client and counted from 0, in place of what an earlier
-   * call asked for. */
-  unsigned
-  fail_request (unsigned n, uint8_t error)
-  {
-    return arm_numbered ({ .nth = n + 1, .error = error });
-  }
-  unsigned
-  cut_at (unsigned n)
-  {
-    return arm_numbered ({ .nth = n + 1, .cut = true });
-  }
-
-  /* The names of the requests since the mark (`record`: of those that `run` makes), in order, and how many of them got
-   * a reply. */
+  /* The names of the requests that `run` makes, in order, and how many of them got a reply. */
   struct Trace : std::vector<std::string>
   {
     unsigned round_trips = 0;
   };
-  void mark ();
-  Trace trace ();
   Trace record (const std::function<void ()> &run);
 
-  /* How many clients have connected so far. */
-  unsigned clients ();
-
-  /* Slips an event to a client after all that the server has sent so far, with the sequence number of the last of that.
-   * (For an X error in the client's queue let a rule fail a request that has no reply.) False: no such client. */
-  bool insert (unsigned client, const void *event, size_t size);
+  /* Slips an event of 32 bytes to the client that came last, after all that the server has sent so far and with the
+   * sequence number of the last of that. (For an X error in the client's queue let a rule fail a request that has no
+   * reply.) */
+  void insert (const void *event);
 
 private:
   struct Client;
   struct Request;
 
-  unsigned arm_numbered (FaultRule rule);
   void run ();
   std::unique_lock<std::mutex> enter ();
   void pump ();
@@ -141,12 +122,11 @@ private:
   const std::string server_path;
   int listener, wake_up;
   bool stopping = false;
-  unsigned n_clients = 0, n_rules = 0, numbered_rule = 0;
+  unsigned n_rules = 0;
   std::list<Client> connections;
   std::map<unsigned, std::shared_ptr<FaultRule>> rules; /* in the order they came */
   std::vector<Request> requests;                        /* of all clients, ever */
-  size_t marked = 0;
-  std::array<std::string, 256> extension_names; /* by major opcode */
-  std::mutex mutex;                             /* for all of these */
+  std::array<std::string, 256> extension_names;         /* by major opcode */
+  std::mutex mutex;                                     /* for all of these */
   std::thread thread;
 };

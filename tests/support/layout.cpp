@@ -1,5 +1,7 @@
 #include "layout.h"
 
+#include "capture.h"
+
 #include <algorithm>
 #include <map>
 #include <span>
@@ -40,6 +42,7 @@ describe_layout (RyxDisplayLayout *layout)
 std::string
 enumerate_heads ()
 {
+  load_module ();
   g_autoptr (GError) error = nullptr;
   g_autoptr (GObject) enumerator
     = G_OBJECT (ryx_host_create (RYX_DISPLAY_ENUMERATOR_EXTENSION_POINT, "displayenumeratorxrandr", nullptr, nullptr));
@@ -47,6 +50,7 @@ enumerate_heads ()
     = ryx_display_enumerator_get_display_layout (RYX_DISPLAY_ENUMERATOR (enumerator), &error);
 
   EXPECT_TRUE (G_IS_INITABLE (enumerator));
+  ryx_display_enumerator_log_gpu_adapter_list (RYX_DISPLAY_ENUMERATOR (enumerator)); /* there are none to tell of */
   EXPECT_TRUE (layout || error->domain == G_IO_ERROR);
   return layout ? describe_layout (layout) : error->message;
 }
@@ -68,6 +72,7 @@ request_layout (const char *geometries)
   g_autoptr (GError) error = nullptr;
   std::vector<RyxDisplayHead *> heads;
 
+  load_module ();
   for (const RyxRect &rect : parse_geometries (geometries))
     heads.push_back (ryx_display_head_new ("head", &rect, FALSE));
   g_autoptr (RyxDisplayLayout) layout = ryx_display_layout_new (heads.size (), heads.data ());

@@ -3,18 +3,11 @@
 #include <optional>
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "logrecorder.h"
-
-/* A child of the test ends with one of these, or because Xlib lost its connection. */
-enum
-{
-  CHILD_DONE = 0,
-  CHILD_LOST_DISPLAY = 1,
-  CHILD_FOUND_FAULT = 2,
-};
 
 /* A child has none of its parent's threads, so that what they own looks leaked there. LeakSanitizer asks this. */
 static bool is_child = false;
@@ -32,17 +25,15 @@ public:
       : scenario (swept), server (swept.kind, swept.arguments), painter (server.display ()), proxy (server)
   {
     load_module ();
+    if (scenario.on_gdk)
+      gdk.emplace (proxy.display ());
   }
 
   void
   run ()
   {
-    std::optional<GdkDisplayScope> gdk;
-    if (scenario.on_gdk)
-      gdk.emplace (proxy.display ());
-
     /* What a connection asks only once is asked before. */
-    if (scenario.on_gdk)
+    if (gdk)
       scenario.make (stage)->use ();
 
     prepare ();
@@ -78,10 +69,6 @@ public:
   void
   fuzz (const std::vector<FuzzedReply> &replies, unsigned n_rounds)
   {
-    std::optional<GdkDisplayScope> gdk;
-    if (scenario.on_gdk)
-      gdk.emplace (proxy.display ());
-
     for (Fuzz rounds (n_rounds); rounds.next () && !testing::Test::HasFailure ();)
       {
         const FuzzedReply &reply = rounds.one_of (replies);
@@ -114,7 +101,7 @@ private:
     prepare ();
     LogRecorder log (G_LOG_LEVEL_ERROR);
     {
-      const unsigned rule = proxy.fail_request (n, XCB_ALLOC);
+      const unsigned rule = proxy.add ({ .nth = n + 1, .error = XCB_ALLOC });
       const auto subject = scenario.make (stage);
       subject->use ();
       expect_no_grab ();
@@ -130,7 +117,7 @@ private:
   {
     prepare ();
     LogRecorder log (G_LOG_LEVEL_ERROR);
-    const unsigned rule = proxy.cut_at (n);
+    const unsigned rule = proxy.add ({ .nth = n + 1, .cut = true });
 
     scenario.make (stage)->use ();
     proxy.remove (rule);
@@ -140,37 +127,30 @@ private:
   void
   run_cut_in_child (unsigned n)
   {
-    int ready[2], go[2], status = 0;
-    char byte;
+    int status = 0;
 
     prepare ();
-    ASSERT_TRUE (pipe (ready) == 0 && pipe (go) == 0);
     const pid_t child = fork ();
     if (child == 0)
       {
         LogRecorder log (G_LOG_LEVEL_ERROR);
         is_child = true;
         new GdkDisplayScope (proxy.display ()); /* Xlib ends the process without unwinding the stack */
-        if (write (ready[1], "", 1) == 1 && read (go[0], &byte, 1) == 1)
-          scenario.make (stage)->use ();
-        _exit (testing::Test::HasFailure () ? CHILD_FOUND_FAULT : CHILD_DONE);
+        raise (SIGSTOP);                        /* until the proxy waits for its requests */
+        scenario.make (stage)->use ();
+        _exit (testing::Test::HasFailure () ? 2 : 0);
       }
 
-    close (ready[1]);
-    ASSERT_EQ (read (ready[0], &byte, 1), 1);
-    const unsigned rule = proxy.cut_at (n);
-    ASSERT_EQ (write (go[1], "", 1), 1);
+    waitpid (child, &status, WUNTRACED);
+    ASSERT_TRUE (WIFSTOPPED (status)) << "status " << status;
+    const unsigned rule = proxy.add ({ .nth = n + 1, .cut = true });
+    kill (child, SIGCONT);
     waitpid (child, &status, 0);
     proxy.remove (rule);
-    for (int end : { ready[0], go[0], go[1] })
-      close (end);
 
-    EXPECT_TRUE (WIFEXITED (status)
-                 && (WEXITSTATUS (status) == CHILD_DONE || WEXITSTATUS (status) == CHILD_LOST_DISPLAY))
+    EXPECT_TRUE (WIFEXITED (status) && WEXITSTATUS (status) < 2) /* 1: Xlib lost its connection */
       << "status " << status;
     expect_no_grab ();
-    if (scenario.check)
-      scenario.check (stage);
   }
 
   void
@@ -187,15 +167,14 @@ private:
     EXPECT_FALSE (log.contains (nullptr, G_LOG_LEVEL_CRITICAL, "")) << log.dump ();
     for (const char *domain : { "GLib", "GLib-GObject", "GLib-GIO", "Gdk" })
       EXPECT_FALSE (log.contains (domain, G_LOG_LEVEL_WARNING, "")) << log.dump ();
-    if (scenario.check)
-      scenario.check (stage);
   }
 
   const SweepScenario &scenario;
   XServer server;
   Painter painter;
   FaultProxy proxy;
-  const SweepStage stage{ proxy.display (), proxy, painter };
+  std::optional<GdkDisplayScope> gdk;
+  const SweepStage stage{ proxy, painter };
 };
 
 std::ostream &

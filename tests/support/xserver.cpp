@@ -14,21 +14,23 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
+#include <xcb/randr.h>
 #include <xcb/xcbext.h>
 
 static const char dummy_configuration[] = TEST_SUPPORT_DIR "/xorg-dummy.conf";
 
+std::string
+XServer::stand_in ()
+{
+  const char *wanted = getenv ("RYX_TEST_SERVER");
+  return wanted ? wanted : "";
+}
+
 static XServer::Kind
 server_in_place_of (XServer::Kind kind)
 {
-  const char *wanted = getenv ("RYX_TEST_SERVER");
-
-  if (kind != XServer::XVFB || !wanted)
-    return kind;
-  return strcmp (wanted, "xvnc") == 0     ? XServer::XVNC
-         : strcmp (wanted, "xephyr") == 0 ? XServer::XEPHYR
-                                          : XServer::XVFB;
+  const std::string stand_in = kind == XServer::XVFB ? XServer::stand_in () : "";
+  return stand_in == "xvnc" ? XServer::XVNC : stand_in == "xephyr" ? XServer::XEPHYR : kind;
 }
 
 static const char *
@@ -38,42 +40,6 @@ program (XServer::Kind kind)
   static const char *const programs[] = { "/usr/bin/Xvfb", "/usr/lib/xorg/Xorg", "/usr/bin/Xvnc", "/usr/bin/Xephyr" };
   return programs[kind];
 }
-
-bool
-XServer::available (Kind kind)
-{
-  return access (program (server_in_place_of (kind)), X_OK) == 0;
-}
-
-/* What the tests of Xvfb ask for and the servers in its place don't have. */
-static const struct
-{
-  const char *server, *tests, *reason;
-} lacks[] = {
-  { "xvnc", "ReaderFaultTest.TakesADepthOf30*", "Xvnc has no screen of depth 30" },
-  { "xvnc", "XvfbLayoutTest.*", "Xvnc has more than one mode" },
-  { "xephyr", "XvfbLayoutTest.*", "Xephyr has more than one mode" },
-  { "xephyr", "*.AsksForConfigurationWhenTheScreenIsResized*", "Xephyr keeps the size of its root window" },
-};
-
-class LackListener : public testing::EmptyTestEventListener
-{
-  void
-  OnTestStart (const testing::TestInfo &test) override
-  {
-    const std::string name = std::string (test.test_suite_name ()) + "." + test.name ();
-
-    for (const auto &lack : lacks)
-      if (g_strcmp0 (getenv ("RYX_TEST_SERVER"), lack.server) == 0
-          && g_pattern_match_simple (lack.tests, name.c_str ()))
-        GTEST_SKIP () << lack.reason;
-  }
-};
-
-static const bool is_listening = [] {
-  testing::UnitTest::GetInstance ()->listeners ().Append (new LackListener);
-  return true;
-}();
 
 using Words = std::vector<std::string>;
 
@@ -228,6 +194,16 @@ XcbClient::round_trip (unsigned timeout_ms)
       }
   free (error);
   return XOwned<void> (reply) != nullptr;
+}
+
+std::vector<uint32_t>
+XcbClient::outputs () const
+{
+  if (!xcb_get_extension_data (conn, &xcb_randr_id)->present)
+    return {};
+  const auto resources = X_REPLY (conn, randr_get_screen_resources, root);
+  const auto *ids = xcb_randr_get_screen_resources_outputs (resources.get ());
+  return { ids, ids + xcb_randr_get_screen_resources_outputs_length (resources.get ()) };
 }
 
 static gboolean

@@ -28,8 +28,8 @@ public:
   ~XServer () { kill (); }
   XServer (const XServer &) = delete;
 
-  /* Whether the server's program is installed here; else the test is to be skipped. */
-  static bool available (Kind kind);
+  /* What starts in Xvfb's place, "xvnc" or "xephyr"; "" when that is Xvfb. */
+  static std::string stand_in ();
 
   const char *
   display () const
@@ -81,6 +81,9 @@ public:
   /* Everything sent so far is done. False: the connection is broken, or the server did not answer in time, as when
    * another client holds a server grab. */
   bool round_trip (unsigned timeout_ms = 10000);
+
+  /* RandR's, in its order; none without RandR. */
+  std::vector<uint32_t> outputs () const;
 
   xcb_connection_t *const conn;
   xcb_screen_t *const screen; /* NULL when the connection was refused */

@@ -7,6 +7,7 @@
 #include <map>
 #include <sstream>
 
+#include "faultproxy.h"
 #include "inputobserver.h"
 
 #include <X11/Xutil.h>
@@ -53,9 +54,9 @@ main (int, char **argv)
   InputObserver input (argv[1]);
   Display *const display = input.display;
   const Window root = DefaultRootWindow (display);
-  XGCValues values = {};
-  values.subwindow_mode = IncludeInferiors;
-  struct _XGC *const gc = XCreateGC (display, root, GCSubwindowMode, &values);
+  Painter painter (argv[1]);
+  struct _XGC *const gc = DefaultGC (display, 0);
+  XSetForeground (display, gc, 0x91a2b0);
   int x = 0, y = 0;
   unsigned width = 0, height = 0, number = 0;
   std::istringstream line;
@@ -72,9 +73,7 @@ main (int, char **argv)
     { "fill",
       [&] {
         line >> x >> y >> width >> height >> number;
-        XSetForeground (display, gc, number);
-        XFillRectangle (display, root, gc, x, y, width, height);
-        return "";
+        return painter.fill (x, y, width, height, number), "";
       } },
     { "write",
       [&] {
@@ -97,9 +96,9 @@ main (int, char **argv)
       [&] {
         std::string file;
         line >> x >> y >> width >> height >> file;
-        XImage *image = XGetImage (display, root, x, y, width, height, AllPlanes, ZPixmap);
-        std::ofstream (file, std::ios::binary).write (image->data, 4 * width * height);
-        return XDestroyImage (image), "";
+        const std::vector<uint8_t> pixels = painter.image (x, y, width, height);
+        std::ofstream (file, std::ios::binary).write (as<char> (pixels.data ()), pixels.size ());
+        return "";
       } },
   };
 
