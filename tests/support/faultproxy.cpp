@@ -15,6 +15,7 @@
 #include <glib.h>
 
 static const char socket_folder[] = "/tmp/.X11-unix/X";
+static const size_t max_fds = 64;
 
 enum MessageKind
 {
@@ -61,6 +62,17 @@ append (Bytes &stream, const Bytes &message)
   stream.insert (stream.end (), message.begin (), message.end ());
 }
 
+using Descriptors = std::deque<int>;
+
+static void
+move_descriptors (Descriptors &from, size_t n, Descriptors &to)
+{
+  const auto end = from.begin () + std::min (n, from.size ());
+
+  to.insert (to.end (), from.begin (), end);
+  from.erase (from.begin (), end);
+}
+
 /* One end of a relayed connection. */
 struct Channel
 {
@@ -68,6 +80,8 @@ struct Channel
   Channel (const Channel &) = delete;
   ~Channel ()
   {
+    std::ranges::for_each (fds_in, close);
+    std::ranges::for_each (fds_out, close);
     shutdown (fd, SHUT_RDWR); /* a child process may hold a copy of the descriptor */
     close (fd);
   }
@@ -78,7 +92,8 @@ struct Channel
 
   const int fd;
   Bytes in, out;
-  size_t taken = 0;   /* of `in` */
+  size_t taken = 0; /* of `in` */
+  Descriptors fds_in, fds_out;
   bool ended = false; /* nothing more comes in */
 };
 
@@ -86,7 +101,10 @@ bool
 Channel::receive ()
 {
   uint8_t data[65536];
-  const ssize_t length = ended ? 0 : recv (fd, data, sizeof data, MSG_DONTWAIT);
+  alignas (cmsghdr) uint8_t control[CMSG_SPACE (max_fds * sizeof (int))];
+  iovec place = { data, sizeof data };
+  msghdr header = { nullptr, 0, &place, 1, control, sizeof control, 0 };
+  const ssize_t length = ended ? 0 : recvmsg (fd, &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
 
   if (length <= 0)
     {
@@ -94,6 +112,10 @@ Channel::receive ()
       return false;
     }
   in.insert (in.end (), data, data + length);
+  for (cmsghdr *item = CMSG_FIRSTHDR (&header); item; item = CMSG_NXTHDR (&header, item))
+    if (item->cmsg_level == SOL_SOCKET && item->cmsg_type == SCM_RIGHTS)
+      fds_in.insert (fds_in.end (), as<int> (CMSG_DATA (item)),
+                     as<int> (CMSG_DATA (item)) + (item->cmsg_len - CMSG_LEN (0)) / sizeof (int));
   return true;
 }
 
@@ -120,11 +142,21 @@ Channel::flush ()
 {
   while (!out.empty ())
     {
-      const ssize_t length = send (fd, out.data (), out.size (), MSG_DONTWAIT | MSG_NOSIGNAL);
+      /* The receiver takes descriptors in order, and needs each no later than the message it belongs to. */
+      const size_t n_fds = std::min (fds_out.size (), max_fds);
+      alignas (cmsghdr) uint8_t control[CMSG_SPACE (max_fds * sizeof (int))] = {};
+      iovec place = { out.data (), out.size () };
+      msghdr header = { nullptr, 0, &place, 1, control, n_fds ? CMSG_SPACE (n_fds * sizeof (int)) : 0, 0 };
+      *as<cmsghdr> (control) = { CMSG_LEN (n_fds * sizeof (int)), SOL_SOCKET, SCM_RIGHTS };
+      std::copy_n (fds_out.begin (), n_fds, as<int> (CMSG_DATA (as<cmsghdr> (control))));
+
+      const ssize_t length = sendmsg (fd, &header, MSG_DONTWAIT | MSG_NOSIGNAL);
       if (length < 0 && (errno == EAGAIN || errno == EINTR))
         return;
       /* Nobody listens any more? What they said before can still be read. */
       out.erase (out.begin (), length < 0 ? out.end () : out.begin () + length);
+      std::for_each_n (fds_out.begin (), n_fds, close);
+      fds_out.erase (fds_out.begin (), fds_out.begin () + n_fds);
     }
 }
 
@@ -190,7 +222,7 @@ FaultProxy::request_name (const Bytes &request) const
 }
 
 static sockaddr_un
-socket_address (const std::string &path, bool is_abstract)
+socket_address (const std::string &path, bool is_abstract = false)
 {
   sockaddr_un address = {};
 
@@ -201,10 +233,10 @@ socket_address (const std::string &path, bool is_abstract)
 
 /* -1: somebody has it. */
 static int
-listen_at (const std::string &path)
+listen_at (const std::string &path, bool is_abstract)
 {
-  const auto address = socket_address (path, true);
-  const socklen_t length = offsetof (sockaddr_un, sun_path) + 1 + path.size ();
+  const auto address = socket_address (path, is_abstract);
+  const socklen_t length = offsetof (sockaddr_un, sun_path) + is_abstract + path.size ();
   const int fd = socket (AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 
   if (bind (fd, reinterpret_cast<const sockaddr *> (&address), length) == 0 && listen (fd, SOMAXCONN) == 0)
@@ -216,16 +248,20 @@ listen_at (const std::string &path)
 FaultProxy::FaultProxy (const char *server_display)
     : server_path (socket_folder + std::string (server_display + 1)), wake_up (eventfd (0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
-  /* Clients try the abstract socket first. A server that looks for a free display goes by it, too; one that is told its
-   * display goes by the lock file. */
+  /* A server that looks for a free display goes by the abstract socket, one that is told its display by the lock file
+   * too. Whoever has both free may replace a socket in the file system: its owner has died. */
   for (unsigned number = 64; name.empty (); number++)
     {
       const std::string digits = std::to_string (number);
+      socket_path = socket_folder + digits;
       if (number == 10000)
         g_error ("No display is free: %s", g_strerror (errno));
-      if (access (("/tmp/.X" + digits + "-lock").c_str (), F_OK) != 0
-          && (listener = listen_at (socket_folder + digits)) >= 0)
-        name = ":" + digits;
+      if (access (("/tmp/.X" + digits + "-lock").c_str (), F_OK) == 0
+          || (listeners[0] = listen_at (socket_path, true)) < 0)
+        continue;
+      unlink (socket_path.c_str ());
+      listeners[1] = listen_at (socket_path, false);
+      name = ":" + digits;
     }
   thread = std::thread (&FaultProxy::run, this);
 }
@@ -237,7 +273,8 @@ FaultProxy::~FaultProxy ()
     stopping = true;
   }
   thread.join ();
-  close (listener);
+  unlink (socket_path.c_str ());
+  std::ranges::for_each (listeners, close);
   close (wake_up);
 }
 
@@ -259,7 +296,7 @@ FaultProxy::run ()
 
   while (!stopping)
     {
-      std::vector<pollfd> fds = { { wake_up, POLLIN, 0 }, { listener, POLLIN, 0 } };
+      std::vector<pollfd> fds = { { wake_up, POLLIN, 0 }, { listeners[0], POLLIN, 0 }, { listeners[1], POLLIN, 0 } };
       for (const auto &client : connections)
         for (const auto channel : { &client.app, &client.server })
           {
@@ -286,7 +323,8 @@ FaultProxy::pump ()
 
   do
     {
-      progress = accept_client ();
+      progress = accept_client (listeners[0]);
+      progress |= accept_client (listeners[1]);
       for (auto &client : connections)
         progress |= relay (client);
       connections.remove_if ([] (const Client &client) { return client.server.ended && client.app.out.empty (); });
@@ -295,13 +333,13 @@ FaultProxy::pump ()
 }
 
 bool
-FaultProxy::accept_client ()
+FaultProxy::accept_client (int listener)
 {
   const int app = accept4 (listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
 
   if (app < 0)
     return false;
-  const auto address = socket_address (server_path, false);
+  const auto address = socket_address (server_path);
   const int server = socket (AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   auto &client = connections.emplace_back (app, server);
   client.server.ended = connect (server, reinterpret_cast<const sockaddr *> (&address), sizeof address) != 0;
@@ -317,6 +355,7 @@ FaultProxy::relay (Client &client)
   progress |= client.server.receive ();
   while (!client.deaf && client.app.next (client.sent_setup ? REQUEST : CLIENT_SETUP, message))
     take_request (client, message);
+  move_descriptors (client.server.fds_in, SIZE_MAX, client.app.fds_out);
   while (!client.server.ended && client.server.next (client.connected ? SERVER_MESSAGE : SERVER_SETUP, message))
     take_message (client, message);
   client.server.flush ();
@@ -401,9 +440,16 @@ FaultProxy::take_request (Client &client, const Bytes &bytes)
           request.reply_rules.push_back (rule);
       }
 
+  /* Of the requests that are known here, one brings a descriptor along. */
+  const bool is_known = request.name.find (':') == std::string::npos;
+  Descriptors fds;
+  move_descriptors (client.app.fds_in, is_known ? request.name == "ShmAttachFd" : SIZE_MAX, fds);
   client.deaf = request.replaced && (is_setup || request.substitute.empty ());
   if (!request.replaced)
-    append (client.server.out, bytes);
+    {
+      append (client.server.out, bytes);
+      move_descriptors (fds, SIZE_MAX, client.server.fds_out);
+    }
   else if (is_setup)
     {
       append (client.app.out, request.substitute);
@@ -411,6 +457,7 @@ FaultProxy::take_request (Client &client, const Bytes &bytes)
     }
   else /* it changes nothing, and its reply shows the substitute's place in the stream: after all that came before */
     append (client.server.out, { XCB_GET_INPUT_FOCUS, 0, 1, 0 });
+  std::ranges::for_each (fds, close);
 }
 
 void
@@ -533,14 +580,15 @@ FaultProxy::record (const std::function<void ()> &run)
 }
 
 void
-FaultProxy::insert (const void *event)
+FaultProxy::insert (const void *event, size_t size)
 {
   const auto lock = enter ();
   auto &client = connections.back ();
-  Bytes message (as<uint8_t> (static_cast<const uint8_t *> (event)),
-                 as<uint8_t> (static_cast<const uint8_t *> (event)) + 32);
+  Bytes message (std::max<size_t> (size, 32));
 
-  as<xcb_generic_event_t> (message.data ())->sequence = client.seen;
+  memcpy (message.data (), event, size);
+  if ((message[0] & 0x7f) != XCB_KEYMAP_NOTIFY)
+    as<xcb_generic_event_t> (message.data ())->sequence = client.seen;
   append (client.app.out, message);
   client.app.flush ();
 }

@@ -65,8 +65,7 @@ FaultRule hiding (const std::string &extension);
 using FaultKinds = std::map<std::string, FaultRule>;
 
 /* A man in the middle between X clients and a real server, on a display of its own and in a thread of its own. All
- * calls may come from any thread. What a client has flushed before a call is made has been taken by then. File
- * descriptors that go with messages are not relayed. */
+ * calls may come from any thread. What a client has flushed before a call is made has been taken by then. */
 class FaultProxy
 {
 public:
@@ -99,10 +98,9 @@ public:
   };
   Trace record (const std::function<void ()> &run);
 
-  /* Slips an event of 32 bytes to the client that came last, after all that the server has sent so far and with the
-   * sequence number of the last of that. (For an X error in the client's queue let a rule fail a request that has no
-   * reply.) */
-  void insert (const void *event);
+  /* Slips an event to the client that came last, after all that the server has sent so far, with the sequence number of
+   * the last of that. (For an X error in the client's queue let a rule fail a request that has no reply.) */
+  void insert (const void *event, size_t size = 32);
 
 private:
   struct Client;
@@ -111,16 +109,17 @@ private:
   void run ();
   std::unique_lock<std::mutex> enter ();
   void pump ();
-  bool accept_client ();
+  bool accept_client (int listener);
   bool relay (Client &client);
   void take_request (Client &client, const Bytes &request);
   void take_message (Client &client, Bytes &message);
   void change_reply (Request &request, Bytes &message);
   std::string request_name (const Bytes &request) const;
 
-  std::string name;
+  std::string name, socket_path;
   const std::string server_path;
-  int listener, wake_up;
+  std::array<int, 2> listeners; /* the abstract socket and the one in the file system */
+  int wake_up;
   bool stopping = false;
   unsigned n_rules = 0;
   std::list<Client> connections;
