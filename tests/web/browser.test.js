@@ -91,7 +91,7 @@ test('plays text, clicks, drags and wheels', async t => {
   await sleep(1200); // what is still held says nothing but that
   await eventually(() => observer.ask('pointer'), '300 220 1');
   const silence = page.evaluate(() => { for (const end = performance.now() + 2000; performance.now() < end;); });
-  await observer.idle(1500);
+  await observer.idle();
   await silence;
   await page.mouse.move(1279, 799);
   await eventually(() => observer.ask('pointer'), pointer => pointer.endsWith(' 1'));
