@@ -70,7 +70,7 @@ private:
   {
     RyxRect rect;
     RyxCapturedFrame *frame;    /* the newest; NULL before the first */
-    Clock::time_point due = {}; /* not before then: moving pictures need no more of them than an eye */
+    Clock::time_point due = {}; /* not before then: moving pictures need no more */
   };
 
   struct Client
