@@ -201,7 +201,7 @@ pack (const guint8 *indices, guint32 width, guint8 *row)
       guint8 byte = 0;
 
       for (guint32 i = x; i < x + per_byte; i++)
-        byte = byte << depth | indices[i];
+        byte = byte << depth | (i < width ? indices[i] : 0);
       *row++ = byte;
     }
 }
@@ -212,7 +212,7 @@ Encoder::write_png (RyxFrameData *image, const RyxRect *rect)
   const bool is_padded = get_pixel_size (image) == 4;
   Palette palette;
 
-  indices.resize (MAX (indices.size (), static_cast<gsize> (rect->width) * rect->height + 8)); /* packed by eight */
+  indices.resize (MAX (indices.size (), static_cast<gsize> (rect->width) * rect->height));
   if (is_padded ? index_colours<4> (image, rect, &palette, indices.data ())
                 : index_colours<3> (image, rect, &palette, indices.data ()))
     {

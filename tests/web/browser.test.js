@@ -69,6 +69,20 @@ test('shows the pixels of the screen', async t => {
     await eventually(compare(page, observer, exact, 1), 0);
 });
 
+test('shows the pixels at edges where no block ends', async t => {
+  const { observer, page } = await open(t, 'odd');
+  for (let i = 0; i < 65; i++)
+    await observer.ask(`fill ${20 * i} 0 20 1021 ${0x30201 * i}`);
+  await page.reload(); // all colours in one picture
+  await controls(page);
+  await eventually(compare(page, observer, { x: 0, y: 0, width: 1283, height: 1021 }), 0);
+  for (let i = 1; i < 6; i++) {
+    await observer.ask(`fill ${1280 - 30 * i} 900 400 200 ${0xffffff - i}`);
+    await observer.ask(`fill ${1280 - 20 * i} 1010 9 2 ${i}`);
+    await eventually(compare(page, observer, { x: 1083, y: 890, width: 200, height: 131 }), 0);
+  }
+});
+
 test('plays text, clicks, drags and wheels', async t => {
   const { observer, page } = await open(t, 'xvfb');
   const reads = expected => eventually(() => observer.ask('text'), expected);

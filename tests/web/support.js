@@ -11,6 +11,7 @@ import WebSocket from 'ws';
 const { RYX_WEB, OBSERVER, XORG_CONF } = process.env;
 const SERVERS = {
   xvfb: ['Xvfb', '-screen', '0', '1280x1024x24'],
+  odd: ['Xvfb', '-screen', '0', '1283x1021x24'],
   xorg: ['/usr/lib/xorg/Xorg', '-config', XORG_CONF, '-logfile', '/dev/null', '-novtswitch', '-sharevts'],
 };
 /* Sanitizers' words, and GLib's for what must not be. */
