@@ -232,6 +232,8 @@ count_sources ()
   return n;
 }
 
+static constexpr long n_lasting_sources = 2; /* GDK's and the monitor's */
+
 static Figures
 measure (XcbClient &client)
 {
@@ -343,6 +345,9 @@ public:
     painter.fill_with_noise ();
     EXPECT_TRUE (wait_until ([this] { return head->shows (painter, { 0, 0, 1280, 720 }); }));
     EXPECT_TRUE (wait_until ([this] { return screen->shows (painter, { 0, 0, 2080, 720 }); }));
+
+    /* A key that nobody released has a timer until the server would repeat it. */
+    EXPECT_TRUE (wait_until ([] { return count_sources () == n_lasting_sources + 1; })) << "beside wait_until's own";
 
     /* How many buffers readers keep depends on who was faster: memory counts without them. */
     Figures figures = measure (painter);
