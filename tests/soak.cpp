@@ -245,8 +245,7 @@ measure (XcbClient &client)
   sscanf (memory, "%*d %ld", &n_pages);
 
   return {
-    /* malloc gives back freed frames in huge pages when it likes; what is in use is exact. */
-    { "KiB RSS", counts_memory ? n_pages * 4 : 0, 65536 },
+    { "KiB RSS", counts_memory ? n_pages * 4 : 0, 8192 },
     { "KiB heap", counts_memory ? long (heap.uordblks + heap.hblkhd) / 1024 : 0,
       2048 }, /* Xlib keeps room for as many events as ever waited */
     { "objects", n_objects, 0 },
@@ -498,6 +497,7 @@ main (int argc, char **argv)
     return g_print ("%s", usage), 0;
   if (!(seconds > 0) || *rest)
     return g_printerr ("%s", usage), 2;
+  mallopt (M_MMAP_THRESHOLD, 128 << 10); /* a freed frame's memory goes back at once: RSS is what is in use */
   count_objects ();
   g_log_set_writer_func (watch_log, nullptr, nullptr);
   signal (SIGINT, [] (int) { is_interrupted = true; });
