@@ -9,7 +9,7 @@
 using Marks = std::vector<guint8>;
 
 /* Makes the message of an update: the marked blocks of a frame as pictures. What is drawn stays exact, what looks like
- * a photograph may lose a little. Used from one thread. */
+ * a photograph may lose a little. One thread at a time. */
 class Encoder
 {
 public:

@@ -20,8 +20,7 @@ static constexpr gsize most_text = 4096, most_payload = 65536;
 static constexpr gdouble most_texts_per_second = 1000;
 static constexpr gint64 least_pong_interval = G_USEC_PER_SEC / 2;
 /* Of who controls and holds something down: a page says four times a second that it is there. */
-static constexpr gint64 longest_silence = 750 * (G_USEC_PER_SEC / 1000);
-static constexpr guint silence_check_ms = 50;
+static constexpr gint64 longest_silence = 750 * (G_USEC_PER_SEC / 1000), least_silence_check = G_USEC_PER_SEC / 20;
 /* Before another session is started, and for one to come to its end. */
 static constexpr guint least_pause_ms = 250, most_pause_ms = 2000, parting_ms = 5000;
 
@@ -67,7 +66,6 @@ private:
   static void on_text (SoupWebsocketConnection *socket, gint type, GBytes *text, gpointer client);
   static void on_closed (SoupWebsocketConnection *socket, gpointer client);
   static void on_session_exit (GObject *process, GAsyncResult *result, gpointer gate);
-  static gboolean on_silence_check (gpointer gate);
   static gboolean on_signal (gpointer gate);
 
   gboolean start_session (GError **error);
@@ -76,6 +74,7 @@ private:
   void take (Kind kind, guint32 client, GBytes *payload);
   void take_ready ();
   void keep (GBytes **kept, GBytes *payload);
+  void watch_silence ();
   void take_socket (SoupWebsocketConnection *socket);
   void tell_role (const GateClient &client);
   void tell_all (const gchar *text);
@@ -311,29 +310,36 @@ Gate::keep (GBytes **kept, GBytes *payload)
   g_clear_pointer (kept, g_bytes_unref);
   if (g_bytes_get_size (payload) > 0)
     *kept = g_bytes_ref (payload);
-  if (held && silence_source == 0) /* what has arrived is read first, also after this process stood still */
-    silence_source = g_timeout_add_full (G_PRIORITY_LOW, silence_check_ms, on_silence_check, this, nullptr);
+  if (silence_source == 0)
+    watch_silence ();
 }
 
 /* A network that dies without a word leaves its connection open for half a minute. */
-gboolean
-Gate::on_silence_check (gpointer data)
+void
+Gate::watch_silence ()
 {
-  auto *gate = static_cast<Gate *> (data);
-  const auto found = gate->clients.find (gate->controller);
-  const bool is_heard
-    = found == gate->clients.end () || g_get_monotonic_time () - found->second.last_text < longest_silence;
+  static const gchar release[] = "{\"type\":\"release\"}";
+  const auto on_timeout = [] (gpointer data) -> gboolean {
+    auto *gate = static_cast<Gate *> (data);
 
-  if (gate->held && (is_heard || !gate->is_ready))
-    return G_SOURCE_CONTINUE;
-  if (gate->held)
+    gate->silence_source = 0;
+    gate->watch_silence ();
+    return G_SOURCE_REMOVE;
+  };
+  const gint64 now = g_get_monotonic_time ();
+  const auto found = clients.find (controller);
+  const gint64 end = longest_silence + (found == clients.end () ? now : found->second.last_text);
+
+  if (!held)
+    return;
+  if (end <= now && is_ready)
     {
-      static const gchar release[] = "{\"type\":\"release\"}";
-      gate->link->post (Kind::TEXT, gate->controller, release, strlen (release));
+      link->post (Kind::TEXT, controller, release, strlen (release));
       tell (found->second, "{\"type\":\"released\"}");
     }
-  gate->silence_source = 0;
-  return G_SOURCE_REMOVE;
+  else /* what has arrived is read first, also after this process stood still */
+    silence_source
+      = g_timeout_add_full (G_PRIORITY_LOW, MAX (end - now, least_silence_check) / 1000 + 1, on_timeout, this, nullptr);
 }
 
 void

@@ -115,6 +115,7 @@ Streamer::take_frame (guint32 head, RyxCapturedFrame *frame)
       if (!fits (frame, found->second.rect))
         client.pending.erase (head);
     }
+  serve (lock); /* here: another thread would have to be woken for it */
   wake (lock);
 }
 
@@ -159,50 +160,61 @@ find_next (Map &map, guint32 key, Predicate fits)
 
 /* What a client lacks of a head that may be sent now. */
 std::map<guint32, Marks>::const_iterator
-Streamer::choose_head (const Client &client) const
+Streamer::choose_head (const Client &client, Clock::time_point now) const
 {
-  const auto now = Clock::now ();
-
   return find_next (client.pending, client.last_head,
                     [&] (const auto &lacking) { return sources.at (lacking.first).due <= now; });
 }
 
-bool
-Streamer::is_ready (const Client &client) const
+/* When a client may be served. */
+Streamer::Clock::time_point
+Streamer::get_due (const Client &client) const
 {
-  return client.unacknowledged.size () < most_unacknowledged
-         && (choose_head (client) != client.pending.end ()
-             || std::any_of (client.texts.begin (), client.texts.end (),
-                             [] (const std::string &text) { return !text.empty (); }));
+  auto due = never;
+
+  if (client.unacknowledged.size () >= most_unacknowledged)
+    return never;
+  if (std::any_of (client.texts.begin (), client.texts.end (), [] (const std::string &text) { return !text.empty (); }))
+    return {};
+  for (const auto &[head, marks] : client.pending)
+    due = std::min (due, sources.at (head).due);
+  return due;
 }
 
-/* The thread, if there is work for it; it needs the lock. */
+/* When there is something to do; never while another thread does it. */
+Streamer::Clock::time_point
+Streamer::get_due () const
+{
+  auto due = never;
+
+  if (!is_playing)
+    for (const auto &[id, client] : clients)
+      due = std::min (due, get_due (client));
+  return due;
+}
+
+/* The thread, if it has to look sooner than it will by itself; it needs the lock. */
 void
 Streamer::wake (std::unique_lock<std::mutex> &lock)
 {
-  const bool has_work = choose_client () != clients.end ();
+  const bool is_needed = get_due () < next_look;
 
   lock.unlock ();
-  if (has_work)
+  if (is_needed)
     work.notify_one ();
-}
-
-/* The client that has waited longest; end () when nobody can be served. */
-std::map<guint32, Streamer::Client>::iterator
-Streamer::choose_client ()
-{
-  return find_next (clients, last_served, [this] (const auto &entry) { return is_ready (entry.second); });
 }
 
 /* Serves one client, and with it all that lack the same of its next head; false when nobody can be served. */
 bool
 Streamer::plan_turn (Turn *turn)
 {
-  const auto chosen = choose_client ();
+  const auto now = Clock::now ();
+  const auto is_ready = [&] (const auto &entry) { return get_due (entry.second) <= now; };
+  const auto chosen = find_next (clients, last_served, is_ready);
   if (chosen == clients.end ())
     return false;
 
-  const auto lacking = choose_head (chosen->second);
+  const auto lacking = choose_head (chosen->second, now);
   if (lacking != chosen->second.pending.end ())
     {
       turn->head = lacking->first;
@@ -212,11 +224,12 @@ Streamer::plan_turn (Turn *turn)
 
   turn->serial = ++last_serial;
   last_served = chosen->first;
-  for (auto &[id, client] : clients)
+  for (auto &entry : clients)
     {
+      auto &[id, client] = entry;
       const auto pending = client.pending.find (turn->head);
       const bool lacks_the_same = turn->frame && pending != client.pending.end () && pending->second == turn->marks;
-      if (id != last_served && !(lacks_the_same && is_ready (client)))
+      if (id != last_served && !(lacks_the_same && is_ready (entry)))
         continue;
 
       for (std::string &text : client.texts)
@@ -245,20 +258,38 @@ Streamer::play_turn (const Turn &turn)
   return has_photos;
 }
 
+/* Serves who waits, unless another thread does; false when there is nothing to do. */
+bool
+Streamer::serve (std::unique_lock<std::mutex> &lock)
+{
+  Turn turn;
+  if (is_playing || !plan_turn (&turn))
+    return false;
+
+  const auto start = Clock::now ();
+  is_playing = true;
+  lock.unlock ();
+  const bool has_photos = play_turn (turn);
+  g_clear_object (&turn.frame);
+  lock.lock ();
+  is_playing = false;
+
+  const auto source = sources.find (turn.head);
+  if (has_photos && source != sources.end ())
+    source->second.due = start + photo_interval;
+  return true;
+}
+
 /* Until there may be something to do. */
 void
 Streamer::wait (std::unique_lock<std::mutex> &lock)
 {
-  const auto now = Clock::now (), never = Clock::time_point::max ();
-  auto next = never;
-
-  for (const auto &[id, source] : sources)
-    if (source.due > now)
-      next = std::min (next, source.due);
-  if (next == never)
+  next_look = get_due ();
+  if (next_look == never)
     work.wait (lock);
   else
-    work.wait_until (lock, next);
+    work.wait_until (lock, next_look);
+  next_look = {};
 }
 
 gpointer
@@ -268,23 +299,7 @@ Streamer::run (gpointer data)
   std::unique_lock lock (streamer->mutex);
 
   while (!streamer->is_stopping)
-    {
-      Turn turn;
-
-      if (streamer->plan_turn (&turn))
-        {
-          const auto start = Clock::now ();
-
-          lock.unlock ();
-          const bool has_photos = streamer->play_turn (turn);
-          lock.lock ();
-          const auto source = streamer->sources.find (turn.head);
-          if (has_photos && source != streamer->sources.end ())
-            source->second.due = start + photo_interval;
-        }
-      else
-        streamer->wait (lock);
-      g_clear_object (&turn.frame);
-    }
+    if (!streamer->serve (lock))
+      streamer->wait (lock);
   return nullptr;
 }

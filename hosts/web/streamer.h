@@ -36,9 +36,10 @@ enum class Topic
   POINTER,
 };
 
-/* Brings the heads' pictures and a few texts to each client at the pace of its acknowledgements. A thread of its own
- * encodes, from the newest frame at the time of sending, and once for all clients that lack the same blocks. What a
- * client has not been sent yet costs a byte per block, however long it takes. */
+/* Brings the heads' pictures and a few texts to each client at the pace of its acknowledgements. They are encoded from
+ * the newest frame at the time of sending, and once for all clients that lack the same blocks: by whoever brings the
+ * frame, or by a thread of its own when clients could not take it at once. What a client has not been sent yet costs a
+ * byte per block, however long it takes. */
 class Streamer
 {
 public:
@@ -63,7 +64,8 @@ private:
   using Clock = std::chrono::steady_clock;
 
   static constexpr gsize most_unacknowledged = 2;
-  static constexpr auto photo_interval = std::chrono::milliseconds (33);
+  static constexpr auto photo_interval = std::chrono::milliseconds (30);
+  static constexpr auto never = Clock::time_point::max ();
   static constexpr gsize n_topics = 5;
 
   struct Source
@@ -93,12 +95,13 @@ private:
 
   static gpointer run (gpointer streamer);
   void wake (std::unique_lock<std::mutex> &lock);
-  std::map<guint32, Client>::iterator choose_client ();
   bool plan_turn (Turn *turn);
   bool play_turn (const Turn &turn);
+  bool serve (std::unique_lock<std::mutex> &lock);
   void wait (std::unique_lock<std::mutex> &lock);
-  std::map<guint32, Marks>::const_iterator choose_head (const Client &client) const;
-  bool is_ready (const Client &client) const;
+  std::map<guint32, Marks>::const_iterator choose_head (const Client &client, Clock::time_point now) const;
+  Clock::time_point get_due (const Client &client) const;
+  Clock::time_point get_due () const;
   void mark_all (Client &client);
 
   Link *const link;
@@ -109,6 +112,8 @@ private:
   std::string heads_text;
   guint32 last_served = 0, last_serial = 0;
   bool is_stopping = false;
-  Encoder encoder; /* the thread's own */
+  bool is_playing = false;          /* a thread has the encoder */
+  Clock::time_point next_look = {}; /* of the thread, while it waits */
+  Encoder encoder;
   GThread *thread;
 };
