@@ -165,6 +165,7 @@ LayoutObserver::arrange (const char *geometries)
   };
   RyxRect box = {};
 
+  xcb_grab_server (client.conn); /* who looks in between sees no monitor, and GDK loses a list then */
   for (size_t i = 0; i < crtcs.size (); i++)
     set_crtc (i, {}, XCB_NONE, 0);
   for (const RyxRect &rect : rects)
@@ -182,4 +183,6 @@ LayoutObserver::arrange (const char *geometries)
   });
   for (size_t i = 0; i < rects.size (); i++)
     set_crtc (i, rects[i], modes.at ({ rects[i].width, rects[i].height }), 1);
+  xcb_ungrab_server (client.conn);
+  client.round_trip ();
 }
