@@ -99,6 +99,7 @@ public:
     if (!palette.empty ())
       png_set_PLTE (png, info, palette.data (), palette.size ());
     png_set_compression_level (png, compression_level);
+    png_set_compression_mem_level (png, get_mem_level (width * height * (palette.empty () ? 4 : 1)));
     if (palette.empty ()) /* what has many colours is hardly alike at any distance: looking for that takes long */
       png_set_compression_strategy (png, Z_RLE);
     png_set_filter (png, PNG_FILTER_TYPE_BASE, palette.empty () ? PNG_FILTER_SUB : PNG_FILTER_NONE);
@@ -121,6 +122,13 @@ private:
   get_depth (gsize n_colours)
   {
     return n_colours == 0 || n_colours > 16 ? 8 : n_colours > 4 ? 4 : n_colours > 2 ? 2 : 1;
+  }
+
+  /* Tables of zlib with room for 2^(level + 6) bytes: clearing larger ones takes longer than a small picture. */
+  static int
+  get_mem_level (guint32 n_bytes)
+  {
+    return CLAMP (static_cast<int> (g_bit_storage (n_bytes)) - 6, 1, 8);
   }
 
   png_infop info;
