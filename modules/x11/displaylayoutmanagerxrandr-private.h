@@ -50,7 +50,7 @@ struct ModeTarget
 struct ModeMatch
 {
   uint32_t mode_id;          /* of exactly the wanted size; 0: none */
-  uint32_t fallback_mode_id; /* the largest listed one that fits; 0: none */
+  uint32_t fallback_mode_id; /* the largest one that fits, of those listed before a match; 0: none */
 };
 
 inline std::span<const xcb_randr_mode_info_t>

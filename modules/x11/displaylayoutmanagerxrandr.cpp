@@ -319,7 +319,8 @@ roll_back_monitor (const LayoutRequest *request, const PhysicalMonitorInfo &moni
     g_warning ("Cannot enable CRTC %u for rollback (%s)", randr_crtc, error->message);
 }
 
-/* The server refuses a screen size that an active CRTC sticks out of, so everything goes off first. */
+/* The server refuses a screen size that an active CRTC sticks out of, so everything goes off first; but where no
+ * monitor was on before, there is no layout to go back to, and what the request switched on stays. */
 static void
 roll_back (const LayoutRequest *request)
 {
