@@ -126,8 +126,8 @@ RYX_API void ryx_input_injector_key_event (RyxInputInjector *injector, const gch
  * @location: where the key sits
  * @key_down: %TRUE for a press, %FALSE for a release
  *
- * Presses or releases a named key. Modifiers stay down until they are released or the last channel
- * goes.
+ * Presses or releases a named key. It stays down until it is released; Shift, Control, Alt, AltGr and
+ * Num Lock also come up when the last channel goes.
  */
 RYX_API void ryx_input_injector_special_key_event (RyxInputInjector *injector, const gchar *name,
                                                    RyxInputInjectorKeyLocation location, gboolean key_down);
@@ -182,7 +182,8 @@ RYX_API void ryx_input_injector_channel_connected (RyxInputInjector *injector, g
  * @injector: an injector
  * @channel_id: the channel that was connected
  *
- * Says that a client's input channel is gone. With the last one every held modifier is released.
+ * Says that a client's input channel is gone. With the last one Shift, Control, Alt, AltGr and Num Lock are
+ * released if they are held. What else the client held, Meta for one, is for the host to release.
  */
 RYX_API void ryx_input_injector_channel_disconnected (RyxInputInjector *injector, guint channel_id);
 

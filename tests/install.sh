@@ -40,6 +40,10 @@ export scratch source GI_TYPELIB_PATH
 "$scratch/host" >"$scratch/screen.ppm"
 "$source/docs/capture.py" >"$scratch/screen-python.ppm"
 "$scratch/prefix/bin/ryxctl" heads >"$scratch/heads"
+if "$scratch/prefix/bin/ryxctl" heads >&- 2>/dev/null; then
+  echo "ryxctl writes its results somewhere else when it has no standard output" >&2
+  exit 1
+fi
 HOSTS
 
 [ "$(head -n 1 "$scratch/screen.ppm")" = "P6 320 200 255" ] || fail "The host's picture begins otherwise"

@@ -1,5 +1,8 @@
 #include "program.h"
 
+#include <initializer_list>
+
+#include <fcntl.h>
 #include <gdk/gdk.h>
 #include <ryx/ryx.h>
 
@@ -13,6 +16,16 @@ int
 get_exit_status (const GError *error)
 {
   return error->domain == PROGRAM_ERROR ? error->code : static_cast<int> (EXIT_FAILED);
+}
+
+/* What is written to /dev/full fails, as it does on a closed stream; what is read is nothing but zeros, so input gets
+ * another. */
+void
+keep_standard_streams (void)
+{
+  for (int fd : { 0, 1, 2 }) /* the lowest that is free is taken */
+    if (fcntl (fd, F_GETFD) < 0)
+      open (fd == 0 ? "/dev/null" : "/dev/full", O_RDWR);
 }
 
 gboolean

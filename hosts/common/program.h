@@ -18,6 +18,9 @@ GQuark program_error_quark (void);
 /* The status that a program ends with because of the error. */
 int get_exit_status (const GError *error);
 
+/* Lets nothing that is opened later take the place of a standard stream that is closed. First of all. */
+void keep_standard_streams (void);
+
 /* Registers the host and loads the modules, from the installed directory when it is NULL. */
 gboolean load_modules (const gchar *module_dir, GError **error);
 

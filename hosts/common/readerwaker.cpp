@@ -18,9 +18,10 @@ struct ReaderWaker::Connection
   Connection &operator= (const Connection &) = delete;
 };
 
-/* Both extensions turn down clients that did not ask for their version. */
+/* Both extensions turn down clients that did not ask for their version. A reader waits with Damage 1.0 too, which can't
+ * wake it. */
 static bool
-can_report_damage (xcb_connection_t *conn)
+has_damage (xcb_connection_t *conn, bool *can_wake)
 {
   const auto *damage = xcb_get_extension_data (conn, &xcb_damage_id);
   const auto *xfixes = xcb_get_extension_data (conn, &xcb_xfixes_id);
@@ -31,11 +32,12 @@ can_report_damage (xcb_connection_t *conn)
   const auto xfixes_cookie = xcb_xfixes_query_version (conn, 5, 0);
   auto *damage_version = xcb_damage_query_version_reply (conn, damage_cookie, nullptr);
   auto *xfixes_version = xcb_xfixes_query_version_reply (conn, xfixes_cookie, nullptr);
-  const bool usable = damage_version && damage_version->minor_version >= 1 && xfixes_version;
+  const bool is_usable = damage_version && xfixes_version;
+  *can_wake = is_usable && damage_version->minor_version >= 1;
 
   free (damage_version);
   free (xfixes_version);
-  return usable;
+  return is_usable;
 }
 
 ReaderWaker::ReaderWaker (std::unique_ptr<Connection> open_connection) : connection (std::move (open_connection)) {}
@@ -53,9 +55,15 @@ ReaderWaker::connect (GError **error)
       g_set_error_literal (error, G_IO_ERROR, G_IO_ERROR_FAILED, "Cannot open a second connection to the display");
       return nullptr;
     }
-  if (!can_report_damage (connection->conn))
+  bool can_wake = false;
+  if (!has_damage (connection->conn, &can_wake))
     {
       g_set_error_literal (error, G_IO_ERROR, G_IO_ERROR_NOT_SUPPORTED, "The display can't report damage");
+      return nullptr;
+    }
+  if (!can_wake)
+    {
+      g_set_error_literal (error, G_IO_ERROR, G_IO_ERROR_FAILED, "The display's Damage extension is too old");
       return nullptr;
     }
 

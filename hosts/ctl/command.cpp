@@ -44,6 +44,21 @@ print_version ()
   g_print ("ryxctl " RYX_VERSION "\n");
 }
 
+/* GOption leaves it in its place when a word that looks like an option stands behind it. */
+static void
+remove_separator (gchar **argv)
+{
+  gchar **word = argv + 1;
+
+  while (*word && !g_str_equal (*word, "--"))
+    word++;
+  if (!*word)
+    return;
+
+  g_free (*word);
+  memmove (word, word + 1, (g_strv_length (word + 1) + 1) * sizeof (gchar *));
+}
+
 gboolean
 parse_options (const Command *command, const GOptionEntry *entries, gchar ***argv, GError **error)
 {
@@ -65,11 +80,7 @@ parse_options (const Command *command, const GOptionEntry *entries, gchar ***arg
       print_version ();
       exit (EXIT_DONE);
     }
-  if ((*argv)[1] && g_str_equal ((*argv)[1], "--"))
-    {
-      g_free ((*argv)[1]);
-      memmove (*argv + 1, *argv + 2, (g_strv_length (*argv + 2) + 1) * sizeof (gchar *));
-    }
+  remove_separator (*argv);
   return TRUE;
 }
 

@@ -11,7 +11,7 @@ _ryxctl ()
       [a-z]*) command=$word; break ;;
     esac
     before=''
-    [[ $word != --module-dir && $word != = ]] || before=--module-dir
+    [[ $word != --module-dir && $word != --display && $word != = ]] || before=--module-dir
   done
 
   case $previous in

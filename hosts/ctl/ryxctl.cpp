@@ -69,6 +69,7 @@ main (int, char **arguments)
   g_autoptr (GError) error = nullptr;
   g_auto (GStrv) argv = g_strdupv (arguments);
 
+  keep_standard_streams ();
   setlocale (LC_ALL, "");
   set_up_log ();
 

@@ -76,6 +76,7 @@ main (int, char **arguments)
   g_auto (GStrv) argv = g_strdupv (arguments);
   int status = EXIT_DONE;
 
+  keep_standard_streams ();
   setlocale (LC_ALL, "");
   g_set_prgname ("ryx-web"); /* the session is started by another name */
   prctl (PR_SET_NAME, "ryx-web");

@@ -755,7 +755,7 @@ grab_image (RyxFrameBufferReaderXcb *reader, GError **error)
       return FALSE;
     }
 
-  const gsize length = MIN (static_cast<gsize> (xcb_get_image_data_length (image.get ())), needed);
+  const gsize length = MIN (static_cast<gsize> (MAX (xcb_get_image_data_length (image.get ()), 0)), needed);
   reader->bytes_per_line = reader->pixel_size * reader->rect.width;
   memcpy (reader->framebuffer, xcb_get_image_data (image.get ()), length);
   /* What was in that memory before is nobody else's business. */

@@ -38,14 +38,14 @@ struct _RyxInputInjectorX11
   int numlockmask;
   int rightaltmask;
 
-  guint8 left_shift_pressed : 1; /* by the client, as for those that follow */
-  guint8 right_shift_pressed : 1;
-  guint8 left_control_pressed : 1;
-  guint8 right_control_pressed : 1;
-  guint8 left_alt_pressed : 1;
-  guint8 right_alt_pressed : 1;
-  guint8 altgr_pressed : 1;
-  guint8 num_lock_pressed : 1;
+  guint8 left_shift_pressed; /* by the client, as for those that follow */
+  guint8 right_shift_pressed;
+  guint8 left_control_pressed;
+  guint8 right_control_pressed;
+  guint8 left_alt_pressed;
+  guint8 right_alt_pressed;
+  guint8 altgr_pressed;
+  guint8 num_lock_pressed;
 
   guint auto_repeat_delay;          /* in milliseconds */
   GHashTable *delayed_keyup_events; /* keycode: KeyupTimeoutRequest; NULL without autorepeat */
@@ -72,7 +72,7 @@ struct XFreeDeleter
 /* Reads parts of the keyboard's controls into the description; to be called in an error trap. */
 gboolean get_controls (RyxInputInjectorX11 *input_injector, unsigned long which);
 
-/* inputinjectorx11-keyup.cpp: nothing of it flushes. */
+/* inputinjectorx11-keyup.cpp: nothing but the timers and release_kept_keys flushes. */
 void fake_key (int keycode, gboolean is_press);
 void inject_keycode_release (int keycode);
 void request_keydown (RyxInputInjectorX11 *input_injector, int keycode, gboolean has_modifiers);

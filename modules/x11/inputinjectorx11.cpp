@@ -33,6 +33,22 @@ static const unsigned xkb_map_components
 /* Below it a key would be released before an ordinary stroke is over. */
 static const guint least_auto_repeat_delay = 25;
 
+/* What the last channel leaves down is released. */
+static const struct
+{
+  KeyCode RyxInputInjectorX11::*keycode;
+  guint8 RyxInputInjectorX11::*pressed;
+} tracked_modifiers[] = {
+  { &RyxInputInjectorX11::left_shift_keycode, &RyxInputInjectorX11::left_shift_pressed },
+  { &RyxInputInjectorX11::right_shift_keycode, &RyxInputInjectorX11::right_shift_pressed },
+  { &RyxInputInjectorX11::left_control_keycode, &RyxInputInjectorX11::left_control_pressed },
+  { &RyxInputInjectorX11::right_control_keycode, &RyxInputInjectorX11::right_control_pressed },
+  { &RyxInputInjectorX11::left_alt_keycode, &RyxInputInjectorX11::left_alt_pressed },
+  { &RyxInputInjectorX11::right_alt_keycode, &RyxInputInjectorX11::right_alt_pressed },
+  { &RyxInputInjectorX11::altgr_keycode, &RyxInputInjectorX11::altgr_pressed },
+  { &RyxInputInjectorX11::num_lock_keycode, &RyxInputInjectorX11::num_lock_pressed },
+};
+
 static void ryx_input_injector_x11_iface_init (RyxInputInjectorInterface *iface);
 static void ryx_input_injector_x11_health_iface_init (RyxHealthInterface *iface);
 
@@ -134,9 +150,23 @@ update_xkb_desc (XkbDescPtr xkb_desc)
   Display *xdisplay = gdk_x11_get_default_xdisplay ();
   ErrorTrap trap;
 
+  /* Else Xlib copies the old actions into room that it measures by the new symbols: too little for some maps. */
+  XkbFreeServerMap (xkb_desc, XkbAllServerInfoMask, True);
   const Status status = XkbGetUpdatedMap (xdisplay, xkb_map_components, xkb_desc);
   XkbGetNames (xdisplay, XkbSymbolsNameMask, xkb_desc);
   return trap.pop () == 0 && status == Success;
+}
+
+/* Whoever holds one will release it at the key where it is then. */
+static void
+release_moved_modifiers (RyxInputInjectorX11 *input_injector, const RyxInputInjectorX11 &earlier)
+{
+  for (const auto &modifier : tracked_modifiers)
+    if (input_injector->*modifier.pressed && input_injector->*modifier.keycode != earlier.*modifier.keycode)
+      {
+        release_surely ([&] { inject_keycode_release (earlier.*modifier.keycode); });
+        input_injector->*modifier.pressed = FALSE;
+      }
 }
 
 static void
@@ -153,8 +183,10 @@ on_keys_changed (GdkKeymap *, gpointer user_data)
       return;
     }
 
+  const RyxInputInjectorX11 earlier = *input_injector;
   check_xkb_group_mode (input_injector);
   update_modifier_keycodes (input_injector);
+  release_moved_modifiers (input_injector, earlier);
   log_keyboard_layout (input_injector);
 
   if (input_injector->pending_keysym != 0)
@@ -248,22 +280,9 @@ is_modifier (RyxInputInjectorX11 *input_injector, KeyCode keycode)
 static void
 track_adjust_modifier_state (RyxInputInjectorX11 *input_injector, KeyCode keycode, gboolean is_press)
 {
-  if (keycode == input_injector->left_shift_keycode)
-    input_injector->left_shift_pressed = is_press;
-  if (keycode == input_injector->right_shift_keycode)
-    input_injector->right_shift_pressed = is_press;
-  if (keycode == input_injector->left_control_keycode)
-    input_injector->left_control_pressed = is_press;
-  if (keycode == input_injector->right_control_keycode)
-    input_injector->right_control_pressed = is_press;
-  if (keycode == input_injector->left_alt_keycode)
-    input_injector->left_alt_pressed = is_press;
-  if (keycode == input_injector->right_alt_keycode)
-    input_injector->right_alt_pressed = is_press;
-  if (keycode == input_injector->altgr_keycode)
-    input_injector->altgr_pressed = is_press;
-  if (keycode == input_injector->num_lock_keycode)
-    input_injector->num_lock_pressed = is_press;
+  for (const auto &modifier : tracked_modifiers)
+    if (keycode == input_injector->*modifier.keycode)
+      input_injector->*modifier.pressed = is_press;
 }
 
 static KeyCode
@@ -349,35 +368,18 @@ ryx_input_injector_x11_touch_event (RyxInputInjector *, guint, GArray *, guint)
 /* Channels */
 
 static void
-release_pressed_modifiers (RyxInputInjectorX11 *input_injector)
+release_pressed_modifiers (const RyxInputInjectorX11 *input_injector)
 {
-  const struct
-  {
-    gboolean pressed;
-    KeyCode keycode;
-  } modifiers[] = {
-    { input_injector->left_shift_pressed, input_injector->left_shift_keycode },
-    { input_injector->right_shift_pressed, input_injector->right_shift_keycode },
-    { input_injector->left_control_pressed, input_injector->left_control_keycode },
-    { input_injector->right_control_pressed, input_injector->right_control_keycode },
-    { input_injector->left_alt_pressed, input_injector->left_alt_keycode },
-    { input_injector->right_alt_pressed, input_injector->right_alt_keycode },
-    { input_injector->altgr_pressed, input_injector->altgr_keycode },
-    { input_injector->num_lock_pressed, input_injector->num_lock_keycode },
-  };
-
-  for (const auto &modifier : modifiers)
-    if (modifier.pressed)
-      fake_key (modifier.keycode, FALSE);
+  for (const auto &modifier : tracked_modifiers)
+    if (input_injector->*modifier.pressed)
+      fake_key (input_injector->*modifier.keycode, FALSE);
 }
 
 static void
 forget_pressed_modifiers (RyxInputInjectorX11 *input_injector)
 {
-  input_injector->left_shift_pressed = input_injector->right_shift_pressed = FALSE;
-  input_injector->left_control_pressed = input_injector->right_control_pressed = FALSE;
-  input_injector->left_alt_pressed = input_injector->right_alt_pressed = FALSE;
-  input_injector->altgr_pressed = input_injector->num_lock_pressed = FALSE;
+  for (const auto &modifier : tracked_modifiers)
+    input_injector->*modifier.pressed = FALSE;
 }
 
 static void
