@@ -10,6 +10,7 @@
 #include <gdk-pixbuf/gdk-pixbuf.h>
 #include <gtest/gtest.h>
 #include <json-glib/json-glib.h>
+#include <xcb/damage.h>
 
 #include "capture.h"
 #include "ctl.h"
@@ -85,6 +86,7 @@ static const struct
   { "layout 640x480+0+0 640x480+640+0", 1, "ryxctl: Unsupported configuration (2 " },
   { "capture --output=4242", 1, "ryxctl: There is no head with the output id 4242" },
   { "type", 2, "ryxctl: type: a text is missing\n" },
+  { "key F5 -- -x", 2, "ryxctl: key: unknown key \"-x\"" },
   { "type a\001", 2, "ryxctl: type: no key makes the control character U+0001" },
   { "type a\xe2\x82", 2, "ryxctl: type: the text is not valid UTF-8 at byte 1\n" },
   { "key Control+Foo", 2, "ryxctl: key: unknown key \"Foo\" in \"Control+Foo\"\n" },
@@ -252,7 +254,10 @@ TEST_F (CtlTest, ACaptureWithoutAFrameEndsAndKeepsAnEarlierRecording)
     { "Setup 3", "ryxctl: Cannot open a second connection to the display\n" },
     { "CopyArea", "ryxctl: Failed to copy area (response_type: 0 error_code: 2)\n" },
     { "XFixesQueryVersion 2", "ryxctl: Unsupported XFIXES version for XCB connection in reader " },
+    { "DamageQueryVersion 0 as 1.0", "ryxctl: The display's Damage extension is too old\n" }, /* nothing could wake it */
   };
+  const FaultKinds kinds
+    = { { "as 1.0", { .patch = { X_FIELD (xcb_damage_query_version_reply_t, minor_version, 0) } } } };
   XServer server (XServer::XVFB);
   const std::string y4m = file ("earlier.y4m");
   std::ofstream (y4m) << "earlier";
@@ -260,7 +265,7 @@ TEST_F (CtlTest, ACaptureWithoutAFrameEndsAndKeepsAnEarlierRecording)
   for (const auto &[faults, words] : rows)
     {
       FaultProxy proxy (server);
-      proxy.add (faults);
+      proxy.add (faults, kinds);
       CtlRun run (proxy.display (), { "capture", "--y4m", y4m, "--seconds=5" });
       EXPECT_EQ (run.status (), 1) << faults;
       EXPECT_NE (run.err.find (words), std::string::npos) << faults << run.err;

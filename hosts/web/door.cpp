@@ -33,7 +33,7 @@ Door::on_early_request (SoupServer *, SoupServerMessage *message, const char *pa
 
   if (!door->access.check (message, soup_server_message_get_uri (message)))
     return;
-  if (g_str_equal (path, "/session") && !door->handlers.has_room ())
+  if (g_str_has_prefix (path, "/session") && !door->handlers.has_room ()) /* what is below it is taken for it */
     soup_server_message_set_status (message, SOUP_STATUS_SERVICE_UNAVAILABLE, "Too many clients");
 }
 
@@ -57,7 +57,7 @@ Door::on_request (SoupServer *, SoupServerMessage *message, const char *path, GH
   soup_server_message_set_status (message, SOUP_STATUS_OK, nullptr);
 }
 
-/* A machine that vanished is noticed by the kernel. */
+/* A machine that vanished is noticed by the kernel, which asks for it only when nothing is on the way to it. */
 static void
 set_socket_options (GSocket *socket)
 {
@@ -68,13 +68,14 @@ set_socket_options (GSocket *socket)
   g_socket_set_option (socket, IPPROTO_TCP, TCP_KEEPIDLE, 10, nullptr);
   g_socket_set_option (socket, IPPROTO_TCP, TCP_KEEPINTVL, 5, nullptr);
   g_socket_set_option (socket, IPPROTO_TCP, TCP_KEEPCNT, 3, nullptr);
+  g_socket_set_option (socket, IPPROTO_TCP, TCP_USER_TIMEOUT, 25000, nullptr);
 }
 
 void
 Door::on_socket (SoupServer *, SoupServerMessage *message, const char *, SoupWebsocketConnection *socket, gpointer data)
 {
   set_socket_options (soup_server_message_get_socket (message));
-  static_cast<Door *> (data)->handlers.socket (socket);
+  static_cast<Door *> (data)->handlers.socket (socket, soup_server_message_get_socket (message));
 }
 
 static gboolean

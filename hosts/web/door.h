@@ -15,7 +15,7 @@ public:
   struct Handlers
   {
     std::function<bool ()> has_room;
-    std::function<void (SoupWebsocketConnection *socket)> socket; /* a new one; borrowed */
+    std::function<void (SoupWebsocketConnection *socket, GSocket *connection)> socket; /* a new one; borrowed */
   };
 
   explicit Door (Handlers door_handlers);

@@ -9,6 +9,8 @@
 
 #include <glib-unix.h>
 #include <libsoup/soup.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include "door.h"
@@ -19,6 +21,11 @@ static constexpr gsize most_text = 4096, most_payload = 65536;
 /* Of each client; twice as many at once. */
 static constexpr gdouble most_texts_per_second = 1000;
 static constexpr gint64 least_pong_interval = G_USEC_PER_SEC / 2;
+/* What a client sends beside whole messages, in bytes: frames and records, at once and per message and second. More
+ * than that are pieces of a message that never ends, or pings: libsoup keeps the ones and answers the others without
+ * limit. */
+static constexpr guint64 most_unaccounted = 256 << 10, most_per_message = 64, most_per_second = 100;
+static constexpr gsize most_ping = 128;
 /* Of who controls and holds something down: a page says four times a second that it is there. */
 static constexpr gint64 longest_silence = 750 * (G_USEC_PER_SEC / 1000), least_silence_check = G_USEC_PER_SEC / 20;
 /* Before another session is started, and for one to come to its end. */
@@ -33,18 +40,22 @@ struct GateClient
   Gate *const gate;
   const guint32 id;
   SoupWebsocketConnection *const socket;
+  GSocket *const connection; /* below it */
+  guint64 accounted = most_unaccounted;
   gdouble allowance = 2 * most_texts_per_second; /* of messages */
   gint64 last_text = g_get_monotonic_time (), last_pong = 0;
 
-  GateClient (Gate *client_gate, guint32 client_id, SoupWebsocketConnection *client_socket)
-      : gate (client_gate), id (client_id), socket (client_socket)
+  GateClient (Gate *client_gate, guint32 client_id, SoupWebsocketConnection *client_socket, GSocket *client_connection)
+      : gate (client_gate), id (client_id), socket (client_socket), connection (client_connection)
   {
     g_object_ref (socket);
+    g_object_ref (connection);
   }
   ~GateClient ()
   {
     g_signal_handlers_disconnect_by_data (socket, this);
     g_object_unref (socket);
+    g_object_unref (connection);
   }
   GateClient (const GateClient &) = delete;
   GateClient &operator= (const GateClient &) = delete;
@@ -66,6 +77,8 @@ private:
   static void on_text (SoupWebsocketConnection *socket, gint type, GBytes *text, gpointer client);
   static void on_closed (SoupWebsocketConnection *socket, gpointer client);
   static void on_session_exit (GObject *process, GAsyncResult *result, gpointer gate);
+  static gboolean on_silence (gpointer gate);
+  static gboolean on_flood_check (gpointer gate);
   static gboolean on_signal (gpointer gate);
 
   gboolean start_session (GError **error);
@@ -73,9 +86,10 @@ private:
   void start_session_later ();
   void take (Kind kind, guint32 client, GBytes *payload);
   void take_ready ();
-  void keep (GBytes **kept, GBytes *payload);
-  void watch_silence ();
-  void take_socket (SoupWebsocketConnection *socket);
+  void keep_held (GBytes *payload);
+  gint64 get_silence_end () const;
+  void await_silence ();
+  void take_socket (SoupWebsocketConnection *socket, GSocket *connection);
   void tell_role (const GateClient &client);
   void tell_all (const gchar *text);
   void take_text (GateClient &client, GBytes *text);
@@ -88,17 +102,18 @@ private:
 
   std::unique_ptr<Link> link; /* to the session; both are empty while there is none */
   GSubprocess *session = nullptr;
-  GBytes *held = nullptr, *layout = nullptr;
+  GBytes *held = nullptr; /* as the session said last */
   bool is_ready = false, was_ready = false, is_ending = false;
   guint pause_ms = least_pause_ms;
-  guint pause_source = 0, silence_source = 0;
+  guint pause_source = 0, silence_source = 0, flood_source = 0;
   int exit_status = EXIT_DONE;
 };
 
 Gate::Gate ()
     : loop (g_main_loop_new (nullptr, FALSE)),
       door ({ .has_room = [this] { return clients.size () < static_cast<gsize> (options.max_clients); },
-              .socket = [this] (SoupWebsocketConnection *socket) { take_socket (socket); } })
+              .socket
+              = [this] (SoupWebsocketConnection *socket, GSocket *connection) { take_socket (socket, connection); } })
 {
 }
 
@@ -106,8 +121,8 @@ Gate::~Gate ()
 {
   g_clear_handle_id (&pause_source, g_source_remove);
   g_clear_handle_id (&silence_source, g_source_remove);
+  g_clear_handle_id (&flood_source, g_source_remove);
   g_clear_pointer (&held, g_bytes_unref);
-  g_clear_pointer (&layout, g_bytes_unref);
   g_clear_object (&session);
   g_main_loop_unref (loop);
 }
@@ -135,10 +150,16 @@ refuse (const GateClient &client, gushort code, const gchar *sentence)
 }
 
 void
-Gate::take_socket (SoupWebsocketConnection *socket)
+Gate::take_socket (SoupWebsocketConnection *socket, GSocket *connection)
 {
+  /* Several may have been let in before the first of them arrives here. */
+  if (clients.size () >= static_cast<gsize> (options.max_clients))
+    return soup_websocket_connection_close (socket, close_try_again_later, "Too many clients");
+
   const guint32 id = ++last_id;
-  GateClient &client = clients.try_emplace (id, this, id, socket).first->second;
+  GateClient &client = clients.try_emplace (id, this, id, socket, connection).first->second;
+  if (flood_source == 0)
+    flood_source = g_timeout_add_seconds (1, on_flood_check, this);
 
   soup_websocket_connection_set_max_incoming_payload_size (socket, most_payload);
   g_signal_connect (socket, "message", G_CALLBACK (on_text), &client);
@@ -172,6 +193,7 @@ Gate::on_text (SoupWebsocketConnection *, gint type, GBytes *text, gpointer data
   const gint64 now = g_get_monotonic_time ();
   const gdouble earned = (now - client->last_text) * most_texts_per_second / G_USEC_PER_SEC;
 
+  client->accounted += g_bytes_get_size (text) + most_per_message;
   client->allowance = MIN (client->allowance + earned, 2 * most_texts_per_second) - 1;
   client->last_text = now;
   if (!is_open (*client))
@@ -186,6 +208,33 @@ Gate::on_text (SoupWebsocketConnection *, gint type, GBytes *text, gpointer data
     client->gate->take_text (*client, text);
 }
 
+static guint64
+get_received (GSocket *connection)
+{
+  struct tcp_info info = {};
+  socklen_t length = sizeof info;
+
+  getsockopt (g_socket_get_fd (connection), IPPROTO_TCP, TCP_INFO, &info, &length);
+  return info.tcpi_bytes_received;
+}
+
+gboolean
+Gate::on_flood_check (gpointer data)
+{
+  auto *gate = static_cast<Gate *> (data);
+
+  for (auto &[id, client] : gate->clients)
+    {
+      client.accounted += most_per_second;
+      if (get_received (client.connection) > client.accounted) /* it may not read what it is told */
+        g_socket_shutdown (client.connection, TRUE, TRUE, nullptr);
+    }
+  if (!gate->clients.empty ())
+    return G_SOURCE_CONTINUE;
+  gate->flood_source = 0;
+  return G_SOURCE_REMOVE;
+}
+
 /* A ping comes back as a pong from here, so that it tells about the network only. */
 void
 Gate::take_text (GateClient &client, GBytes *text)
@@ -196,7 +245,7 @@ Gate::take_text (GateClient &client, GBytes *text)
 
   if (length > strlen (ping) && strncmp (data, ping, strlen (ping)) == 0)
     {
-      if (client.last_text - client.last_pong < least_pong_interval)
+      if (client.last_text - client.last_pong < least_pong_interval || length > most_ping)
         return;
       g_autofree gchar *pong
         = g_strdup_printf ("{\"type\":\"pong\"%.*s", static_cast<int> (length - strlen (ping)), data + strlen (ping));
@@ -292,8 +341,8 @@ Gate::take (Kind kind, guint32 id, GBytes *payload)
       if (is_ready || !was_ready || options.verbose || options.debug)
         g_printerr ("%s", text);
     }
-  else if (kind == Kind::HELD || kind == Kind::LAYOUT)
-    keep (kind == Kind::HELD ? &held : &layout, payload);
+  else if (kind == Kind::HELD)
+    keep_held (payload);
   else if (found == clients.end () || !is_open (found->second))
     return;
   else if (kind == Kind::UPDATE)
@@ -304,42 +353,54 @@ Gate::take (Kind kind, guint32 id, GBytes *payload)
     refuse (found->second, SOUP_WEBSOCKET_CLOSE_POLICY_VIOLATION, text);
 }
 
+/* The keys and buttons that the session holds down. */
 void
-Gate::keep (GBytes **kept, GBytes *payload)
+Gate::keep_held (GBytes *payload)
 {
-  g_clear_pointer (kept, g_bytes_unref);
+  g_clear_pointer (&held, g_bytes_unref);
   if (g_bytes_get_size (payload) > 0)
-    *kept = g_bytes_ref (payload);
-  if (silence_source == 0)
-    watch_silence ();
+    held = g_bytes_ref (payload);
+  if (held && silence_source == 0)
+    await_silence ();
+}
+
+/* When the controller will have been silent for too long. */
+gint64
+Gate::get_silence_end () const
+{
+  const auto found = clients.find (controller);
+
+  return longest_silence + (found == clients.end () ? g_get_monotonic_time () : found->second.last_text);
+}
+
+/* What has arrived is read first, also after this process stood still. */
+void
+Gate::await_silence ()
+{
+  const gint64 left = MAX (get_silence_end () - g_get_monotonic_time (), least_silence_check);
+
+  silence_source = g_timeout_add_full (G_PRIORITY_LOW, left / 1000 + 1, on_silence, this, nullptr);
 }
 
 /* A network that dies without a word leaves its connection open for half a minute. */
-void
-Gate::watch_silence ()
+gboolean
+Gate::on_silence (gpointer data)
 {
   static const gchar release[] = "{\"type\":\"release\"}";
-  const auto on_timeout = [] (gpointer data) -> gboolean {
-    auto *gate = static_cast<Gate *> (data);
+  auto *gate = static_cast<Gate *> (data);
 
-    gate->silence_source = 0;
-    gate->watch_silence ();
+  gate->silence_source = 0;
+  if (!gate->held)
     return G_SOURCE_REMOVE;
-  };
-  const gint64 now = g_get_monotonic_time ();
-  const auto found = clients.find (controller);
-  const gint64 end = longest_silence + (found == clients.end () ? now : found->second.last_text);
-
-  if (!held)
-    return;
-  if (end <= now && is_ready)
+  if (!gate->is_ready || g_get_monotonic_time () < gate->get_silence_end ())
     {
-      link->post (Kind::TEXT, controller, release, strlen (release));
-      tell (found->second, "{\"type\":\"released\"}");
+      gate->await_silence ();
+      return G_SOURCE_REMOVE;
     }
-  else /* what has arrived is read first, also after this process stood still */
-    silence_source
-      = g_timeout_add_full (G_PRIORITY_LOW, MAX (end - now, least_silence_check) / 1000 + 1, on_timeout, this, nullptr);
+
+  gate->link->post (Kind::TEXT, gate->controller, release, strlen (release));
+  tell (gate->clients.at (gate->controller), "{\"type\":\"released\"}");
+  return G_SOURCE_REMOVE;
 }
 
 void
@@ -355,8 +416,6 @@ Gate::take_ready ()
 
   if (held)
     link->post (Kind::HELD, 0, g_bytes_get_data (held, nullptr), g_bytes_get_size (held));
-  if (layout)
-    link->post (Kind::LAYOUT, 0, g_bytes_get_data (layout, nullptr), g_bytes_get_size (layout));
   tell_all ("{\"type\":\"session\",\"state\":\"up\"}");
   for (auto &[id, client] : clients)
     link->post (Kind::CONNECTED, id, nullptr, 0);
@@ -382,8 +441,6 @@ Gate::on_session_exit (GObject *, GAsyncResult *result, gpointer data)
   gate->link.reset ();
   g_subprocess_wait_finish (session, result, nullptr);
   const bool has_exited = g_subprocess_get_if_exited (session);
-  if (has_exited) /* the display went, and its layout with it */
-    g_clear_pointer (&gate->layout, g_bytes_unref);
 
   if (gate->was_ready && !gate->is_ending)
     return gate->start_session_later ();

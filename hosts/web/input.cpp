@@ -65,7 +65,9 @@ Input::press_key (const Key &key, bool down)
 
   if (!is_character (key.name) && !ryx_special_key_string_to_keyval (key.name.c_str (), key.location))
     return;
-  if (down && keys.size () < most_held)
+  if (down && keys.size () == most_held)
+    return;
+  if (down)
     keys.push_back (key);
   if (down != was_held)
     tell_held (); /* before it is down: who dies between the two leaves nothing */
@@ -77,7 +79,7 @@ Input::press_button (guint32 button, bool down)
 {
   const bool was_held = std::erase (buttons, button) > 0;
 
-  if (down && buttons.size () < most_held)
+  if (down) /* there are no more than nine */
     buttons.push_back (button);
   if (down != was_held)
     tell_held ();

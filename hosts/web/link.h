@@ -17,7 +17,6 @@ enum class Kind : guint32
   READY,        /* to the gate: the display is open */
   LOG,          /* to the gate: a line for the log */
   HELD,         /* to the gate, to be kept for the next session: the keys and buttons that are down */
-  LAYOUT,       /* to the gate, to be kept for the next session on this display: the layout to come back to */
 };
 
 /* One end of the socket pair between the gate and the session: whole messages, each with a kind and a client. */

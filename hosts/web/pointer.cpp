@@ -28,6 +28,7 @@ Pointer::stop ()
 {
   ryx_pointer_monitor_stop (monitor);
   g_clear_pointer (&shown, ryx_cursor_unref);
+  x = y = nowhere;
 }
 
 static std::string
@@ -89,7 +90,9 @@ Pointer::on_changed (Pointer *pointer, RyxCursor *cursor, gboolean is_new, guint
 void
 Pointer::on_retrieved (Pointer *pointer, RyxCursor *cursor)
 {
-  pointer->streamer->tell (Topic::CURSOR, define_cursor (cursor), pointer->asking);
+  /* Another one may have come into use meanwhile; when this one comes back, it is required again. */
+  if (pointer->shown && ryx_cursor_get_id (pointer->shown) == ryx_cursor_get_id (cursor))
+    pointer->streamer->tell (Topic::CURSOR, define_cursor (cursor), pointer->asking);
 }
 
 void
@@ -99,7 +102,8 @@ Pointer::introduce (guint32 client)
     return;
 
   streamer->tell (Topic::CURSOR, define_cursor (shown), client);
-  streamer->tell (Topic::POINTER, describe_position (x, y), client);
+  if (x != nowhere)
+    streamer->tell (Topic::POINTER, describe_position (x, y), client);
   was_told = true;
 }
 

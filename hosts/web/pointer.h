@@ -23,6 +23,8 @@ public:
   void require (guint32 client, const gchar *id);
 
 private:
+  static constexpr guint nowhere = G_MAXUINT; /* before the first look */
+
   static void on_moved (Pointer *pointer, guint x, guint y);
   static void on_changed (Pointer *pointer, RyxCursor *cursor, gboolean is_new, guint64 evicted);
   static void on_retrieved (Pointer *pointer, RyxCursor *cursor);
@@ -31,7 +33,7 @@ private:
   const Input *const input;
   Streamer *const streamer;
   RyxCursor *shown = nullptr; /* NULL before the first */
-  guint x = 0, y = 0;
+  guint x = nowhere, y = nowhere;
   bool was_told = false; /* also to who moves it, since its own last move */
   guint32 asking = 0;    /* who required the cursor that is being retrieved */
 };

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include <gdk/gdk.h>
+#include <unistd.h>
 
 #include "message.h"
 #include "ryxweb.h"
@@ -11,10 +12,7 @@ static constexpr guint block_size = 16;
 static constexpr guint most_heads = 64;
 static constexpr guint retry_ms = 1000;
 
-Screen::Screen (Streamer *frame_streamer, std::function<void (const gchar *layout)> on_original)
-    : streamer (frame_streamer), original_changed (std::move (on_original))
-{
-}
+Screen::Screen (Streamer *frame_streamer) : streamer (frame_streamer) {}
 
 Screen::~Screen ()
 {
@@ -32,6 +30,7 @@ Screen::open (GError **error)
   if (!enumerator || !read_layout (error))
     return FALSE;
 
+  find_original ();
   GdkScreen *screen = gdk_screen_get_default ();
   g_signal_connect_swapped (screen, "monitors-changed", G_CALLBACK (on_change), this);
   g_signal_connect_swapped (screen, "size-changed", G_CALLBACK (on_change), this);
@@ -195,11 +194,43 @@ make_layout (JsonObject *message, GError **error)
   return nullptr;
 }
 
-void
-Screen::set_original (const gchar *layout)
+/* The display itself keeps the layout to come back to: it ends with the display, and not with a session that was
+ * killed. */
+static GdkAtom
+get_original_property ()
 {
+  return gdk_atom_intern (format ("_RYX_WEB_LAYOUT_%d", getppid ()).c_str (), FALSE); /* of this gate */
+}
+
+static GdkAtom
+get_original_type ()
+{
+  return gdk_atom_intern_static_string ("UTF8_STRING");
+}
+
+void
+Screen::find_original ()
+{
+  g_autofree guchar *text = nullptr;
+  gint length = 0;
+
+  if (gdk_property_get (gdk_get_default_root_window (), get_original_property (), get_original_type (), 0, 1 << 20,
+                        FALSE, nullptr, nullptr, &length, &text))
+    original.assign (reinterpret_cast<const gchar *> (text), length);
+}
+
+void
+Screen::set_original (const std::string &layout)
+{
+  GdkWindow *root = gdk_get_default_root_window ();
+
   original = layout;
-  original_changed (layout);
+  if (layout.empty ())
+    gdk_property_delete (root, get_original_property ());
+  else
+    gdk_property_change (root, get_original_property (), get_original_type (), 8, GDK_PROP_MODE_REPLACE,
+                         reinterpret_cast<const guchar *> (layout.data ()), layout.size ());
+  gdk_flush ();
 }
 
 gboolean
@@ -214,7 +245,7 @@ Screen::request (JsonObject *message, GError **error)
     return FALSE;
 
   if (original.empty () && options.restore_layout)
-    set_original (describe_heads (heads).c_str ());
+    set_original (describe_heads (heads));
   return ryx_display_layout_manager_request_layout (RYX_DISPLAY_LAYOUT_MANAGER (manager), layout, error);
 }
 

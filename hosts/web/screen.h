@@ -14,8 +14,7 @@
 class Screen
 {
 public:
-  /* on_original hears which layout to come back to, as a message for restore_left (); "" for none. */
-  Screen (Streamer *frame_streamer, std::function<void (const gchar *layout)> on_original);
+  explicit Screen (Streamer *frame_streamer);
   ~Screen ();
   Screen (const Screen &) = delete;
   Screen &operator= (const Screen &) = delete;
@@ -30,17 +29,17 @@ public:
 
   /* Comes back to the layout that was there before the first request. */
   void restore ();
-  void set_original (const gchar *layout);
 
 private:
   static void on_change (Screen *screen);
   gboolean read_layout (GError **error);
+  void find_original ();
+  void set_original (const std::string &layout);
   void start_reader (guint32 head);
   void retry (guint32 head, const GError *error);
   void follow_heads ();
 
   Streamer *const streamer;
-  const std::function<void (const gchar *layout)> original_changed;
   GObject *enumerator = nullptr, *manager = nullptr;
   std::vector<Head> heads;
   std::string original; /* a layout message; empty: nothing was changed */

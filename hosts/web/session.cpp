@@ -56,7 +56,7 @@ Session::Session ()
       link (options.session, G_PRIORITY_DEFAULT + 10, /* what GDK reads comes first: keyboard maps that have changed */
             { .message = [this] (Kind kind, guint32 client, GBytes *payload) { take (kind, client, payload); },
               .ended = [this] { g_main_loop_quit (loop); } }),
-      streamer (&link), screen (&streamer, [this] (const gchar *layout) { link.send (Kind::LAYOUT, 0, layout); })
+      streamer (&link), screen (&streamer)
 {
   /* A terminal on the display can't take a line while the server is grabbed. */
   log_link = &link;
@@ -95,6 +95,7 @@ Session::open (GError **error)
   if (!monitor)
     return FALSE;
   pointer = std::make_unique<Pointer> (monitor, input.get (), &streamer);
+  await_farewell ();
   return TRUE;
 }
 
@@ -140,9 +141,6 @@ Session::take (Kind kind, guint32 client, GBytes *payload)
       if (g_autoptr (JsonObject) held = parse_message (to_string (payload)))
         input->release_left (held);
       return;
-    case Kind::LAYOUT:
-      screen.set_original (to_string (payload).c_str ());
-      return await_farewell ();
     default:
       g_warning ("The gate says what only a session does: %u", static_cast<guint32> (kind));
     }

@@ -222,7 +222,7 @@ Streamer::plan_turn (Turn *turn)
       turn->frame = RYX_CAPTURED_FRAME (g_object_ref (sources[turn->head].frame));
     }
 
-  turn->serial = ++last_serial;
+  turn->serial = last_serial = (last_serial + 1) & G_MAXINT; /* JSON's reader has no more bits */
   last_served = chosen->first;
   for (auto &entry : clients)
     {

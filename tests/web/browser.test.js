@@ -133,6 +133,8 @@ test("wears the session's cursor", async t => {
   assert.match(seen[0], /^url\("data:image\/png;base64,.+"\) \d+ \d+, default$/);
   await observer.ask('warp 500 400');
   await eventually(() => page.locator('#screen img').count(), 1);
+  await page.reload();
+  await eventually(() => page.locator('#screen img').count(), 1);
   await page.mouse.move(300, 300);
   await eventually(() => page.locator('#screen img').count(), 0);
 });

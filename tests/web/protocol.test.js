@@ -66,6 +66,16 @@ test('bounds what a client sends', async t => {
     assert.match(String((await client.end()).code), /1009|1006/); // what is on its way resets the connection
   }
 
+  for (const send of [
+    socket => socket.send('x'.repeat(4000), { fin: false }), // the message never ends
+    socket => socket.ping('x'.repeat(100)),
+  ]) {
+    const client = await connect();
+    for (let i = 0; i < 5000; i++)
+      send(client.socket);
+    await client.end();
+  }
+
   let seed = 4711;
   const random = n => (seed = (seed * 1103515245 + 12345) % 0x80000000) % n;
   const pick = list => list[random(list.length)];
@@ -133,8 +143,10 @@ test('lets one client control and the others watch', async t => {
   first.key('a', true);
   first.key('a', false);
   await eventually(() => observer.ask('text'), 'a');
-  const third = await (await connect()).end();
-  assert.ok(third.status === 503 || third.code === 1013, JSON.stringify(third));
+  for (const path of ['/session', '/session/below']) {
+    const third = await (await connect({ path })).end();
+    assert.ok(third.status === 503 || third.code === 1013, JSON.stringify(third));
+  }
 
   first.socket.close();
   await second.controls();
@@ -175,11 +187,14 @@ for (const [name, end] of [
   });
 
 test('keeps down what a client holds that can be heard', async t => {
-  const { observer, connect } = await start(t, 'xvfb');
+  const { web, observer, connect } = await start(t, 'xvfb');
   const client = await connect();
   await client.controls();
+  web.process.kill('SIGSTOP'); // what has come meanwhile counts
   client.key('Control', true, 1);
   for (let i = 0; i < 20; i++) {
+    if (i === 11)
+      web.process.kill('SIGCONT');
     await sleep(100);
     client.send({ type: 'ping', time: i });
   }
@@ -208,7 +223,8 @@ test('gives the layout back', async t => {
   const sizes = client => client.last('heads')?.heads.map(({ x, width, height }) => [x, width, height]);
   const found = [[0, 1280, 1024], [1280, 1280, 1024]], asked = [[0, 800, 600]];
   const size = () => /current (.+?),/.exec(spawnSync('xrandr', ['--display', display.name], { encoding: 'utf8' }).stdout)[1];
-  for (const end of [client => client.socket.close(), () => web.stop()]) {
+  const killSession = () => process.kill(childOf(web.process), 'SIGKILL');
+  for (const end of [client => client.socket.close(), client => { killSession(); client.socket.close(); }, () => web.stop()]) {
     const client = await connect();
     await client.controls();
     await eventually(() => sizes(client), found);

@@ -130,9 +130,9 @@ export class Client {
   acknowledges = true;
   #end = null;
 
-  static async connect(t, web, { cookie, origin, ...options } = {}) {
+  static async connect(t, web, { path = '/session', cookie, origin, ...options } = {}) {
     const client = new Client();
-    const url = new URL('/session', web.url);
+    const url = new URL(path, web.url);
     client.socket = new WebSocket(url.href.replace(/^http/, 'ws'), {
       headers: { Cookie: cookie ?? await getCookie(web.url) }, origin: origin ?? url.origin, ...options,
     });

@@ -5,6 +5,7 @@ export class Cursors {
   #send;
   #known = new Map();
   #current = null;
+  #place = null; /* where somebody else has moved the pointer */
   #image = document.createElement('img');
 
   constructor(element, send) {
@@ -22,6 +23,7 @@ export class Cursors {
     const cursor = this.#current = this.#known.get(id);
     this.#element.style.cursor = cursor.width ? `url(${cursor.url}) ${cursor.x} ${cursor.y}, default` : 'none';
     this.#image.src = cursor.width ? cursor.url : 'data:,';
+    this.#draw();
   }
 
   evict(id) {
@@ -34,15 +36,21 @@ export class Cursors {
   }
 
   show(left, top) {
-    if (!this.#current?.width)
-      return this.hide();
-    this.#image.style.left = `${left - this.#current.x}px`;
-    this.#image.style.top = `${top - this.#current.y}px`;
-    if (!this.#image.isConnected)
-      this.#element.append(this.#image);
+    this.#place = { left, top };
+    this.#draw();
   }
 
   hide() {
-    this.#image.remove();
+    this.#place = null;
+    this.#draw();
+  }
+
+  #draw() {
+    if (!this.#place || !this.#current?.width)
+      return this.#image.remove();
+    this.#image.style.left = `${this.#place.left - this.#current.x}px`;
+    this.#image.style.top = `${this.#place.top - this.#current.y}px`;
+    if (!this.#image.isConnected)
+      this.#element.append(this.#image);
   }
 }
