@@ -254,7 +254,7 @@ TEST_F (CtlTest, ACaptureWithoutAFrameEndsAndKeepsAnEarlierRecording)
     { "Setup 3", "ryxctl: Cannot open a second connection to the display\n" },
     { "CopyArea", "ryxctl: Failed to copy area (response_type: 0 error_code: 2)\n" },
     { "XFixesQueryVersion 2", "ryxctl: Unsupported XFIXES version for XCB connection in reader " },
-    { "DamageQueryVersion 0 as 1.0", "ryxctl: The display's Damage extension is too old\n" }, /* nothing could wake it */
+    { "DamageQueryVersion 0 as 1.0", "ryxctl: The display's Damage extension is too old\n" }, /* can't wake it */
   };
   const FaultKinds kinds
     = { { "as 1.0", { .patch = { X_FIELD (xcb_damage_query_version_reply_t, minor_version, 0) } } } };

@@ -61,8 +61,6 @@ Door::on_request (SoupServer *, SoupServerMessage *message, const char *path, GH
 static void
 set_socket_options (GSocket *socket)
 {
-  if (!socket)
-    return;
   g_socket_set_keepalive (socket, TRUE);
   g_socket_set_option (socket, IPPROTO_TCP, TCP_NODELAY, 1, nullptr);
   g_socket_set_option (socket, IPPROTO_TCP, TCP_KEEPIDLE, 10, nullptr);
@@ -74,8 +72,12 @@ set_socket_options (GSocket *socket)
 void
 Door::on_socket (SoupServer *, SoupServerMessage *message, const char *, SoupWebsocketConnection *socket, gpointer data)
 {
-  set_socket_options (soup_server_message_get_socket (message));
-  static_cast<Door *> (data)->handlers.socket (socket, soup_server_message_get_socket (message));
+  GSocket *connection = soup_server_message_get_socket (message);
+  if (!connection)
+    return; /* it has gone already */
+
+  set_socket_options (connection);
+  static_cast<Door *> (data)->handlers.socket (socket, connection);
 }
 
 static gboolean
