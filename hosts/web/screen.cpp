@@ -199,7 +199,10 @@ make_layout (JsonObject *message, GError **error)
 static GdkAtom
 get_original_property ()
 {
-  return gdk_atom_intern (format ("_RYX_WEB_LAYOUT_%d", getppid ()).c_str (), FALSE); /* of this gate */
+  /* Of this gate, also when it is gone. */
+  static GdkAtom property = gdk_atom_intern (format ("_RYX_WEB_LAYOUT_%d", getppid ()).c_str (), FALSE);
+
+  return property;
 }
 
 static GdkAtom
