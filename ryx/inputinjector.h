@@ -126,8 +126,8 @@ RYX_API void ryx_input_injector_key_event (RyxInputInjector *injector, const gch
  * @location: where the key sits
  * @key_down: %TRUE for a press, %FALSE for a release
  *
- * Presses or releases a named key. It stays down until it is released; Shift, Control, Alt, AltGr and
- * Num Lock also come up when the last channel goes.
+ * Presses or releases a named key. Modifiers stay down until they are released; Shift, Control, Alt, AltGr
+ * and Num Lock also come up when the last channel goes.
  */
 RYX_API void ryx_input_injector_special_key_event (RyxInputInjector *injector, const gchar *name,
                                                    RyxInputInjectorKeyLocation location, gboolean key_down);
